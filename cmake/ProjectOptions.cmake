@@ -1,0 +1,27 @@
+# The compiler settings of every target of the project, as one interface target: link it to get warnings as
+# errors and, in the sanitizer presets, the sanitizer.
+set(TAVI_SANITIZE "" CACHE STRING "Sanitizers to build with, as in -fsanitize=...")
+
+add_library(project_options INTERFACE)
+target_compile_options(project_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+
+if(TAVI_SANITIZE)
+    # Everything of a process must be instrumented, libraries that it loads included, so these are global.
+    add_compile_options(-fsanitize=${TAVI_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${TAVI_SANITIZE})
+endif()
+
+# Adds a test program in the folder that mirrors the one it exercises; its cases are found when it is run.
+#   tavi_add_test(NAME SOURCES a.cpp b.cpp LIBRARIES x y [TIMEOUT seconds])
+function(tavi_add_test name)
+    cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBRARIES" ${ARGN})
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE project_options ${ARG_LIBRARIES} GTest::gmock GTest::gtest_main)
+    set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+    if(NOT ARG_TIMEOUT)
+        set(ARG_TIMEOUT 60)
+    endif()
+    include(GoogleTest)
+    gtest_discover_tests(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} DISCOVERY_TIMEOUT 60)
+endfunction()
