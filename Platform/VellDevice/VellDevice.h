@@ -288,8 +288,8 @@ VellObjectRef VellLibraryCopyPropertyForKey(VellLibraryRef library, const char* 
 // --- Log -----------------------------------------------------------------------------------------------------------
 
 // Lines of the form "YYYY-MM-DD hh:mm:ss.mmm LEVEL [pid:thread] text". Any thread; lines never mix. Texts end with a
-// newline; "" for a null %s. Runtime lines (one per operation) are written when $VELL_LOG_LEVEL is "runtime", debug
-// lines unless it says "info", "warning" or "error"; the default is debug.
+// newline. $VELL_LOG_LEVEL ("runtime", "debug", "info", "warning" or "error") names the lowest level that is written; by
+// default everything is, runtime lines (one per operation) included.
 void VellLogRuntime(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void VellLogDebug(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void VellLogInfo(const char* format, ...) __attribute__((format(printf, 1, 2)));
