@@ -1,0 +1,200 @@
+#include "GlobalLocks.h"
+
+#include "SharedLockOpen.h"
+
+#include <VellDevice/VellDevice.h>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <mutex>
+#include <set>
+
+namespace {
+
+// The lock files that this process holds exclusively, so that its exit can tell its own from other
+// processes'. Leaked on purpose: a thread may look while the process ends.
+struct HeldFiles {
+    std::mutex lock; // guards `paths`
+    std::multiset<std::string> paths;
+};
+
+HeldFiles& heldFiles() {
+    static auto* const files = new HeldFiles;
+    return *files;
+}
+
+// Whether `path` still names the file that `fd` has open.
+bool namesOpenFile(const std::string& path, int fd) {
+    struct stat opened {};
+    struct stat named {};
+    return fstat(fd, &opened) == 0 && lstat(path.c_str(), &named) == 0 && opened.st_dev == named.st_dev &&
+           opened.st_ino == named.st_ino;
+}
+
+bool lockExclusively(int fd, int flags = 0) {
+    int result = 0;
+    do {
+        result = flock(fd, LOCK_EX | flags);
+    } while (result != 0 && errno == EINTR);
+    return result == 0;
+}
+
+// The whole of a release: the file goes while its lock is still held, so nobody can lock it and lose it.
+void release(int& fd, bool& locked, const std::string& path) {
+    if (locked) {
+        if (namesOpenFile(path, fd))
+            unlink(path.c_str());
+        {
+            const std::lock_guard guard(heldFiles().lock);
+            const auto found = heldFiles().paths.find(path);
+            if (found != heldFiles().paths.end())
+                heldFiles().paths.erase(found);
+        }
+        flock(fd, LOCK_UN);
+    }
+    if (fd > 0)
+        close(fd);
+    fd = 0;
+    locked = false;
+}
+
+void remember(const std::string& path) {
+    const std::lock_guard guard(heldFiles().lock);
+    heldFiles().paths.insert(path);
+}
+
+// Whether what stands at `path` can never be opened as a lock file (a link, a folder, a pipe). A regular file
+// is never broken: a process may hold it.
+bool isNoLockFile(const std::string& path) {
+    struct stat named {};
+    return lstat(path.c_str(), &named) == 0 && !S_ISREG(named.st_mode);
+}
+
+} // namespace
+
+// --- GlobalLock
+// ----------------------------------------------------------------------------------------------------
+
+void GlobalLock::EncodeMutexNameForPlatform(const std::string& name, std::string& out) {
+    const VellStringRef string = VellStringCreateWithCStringUsingEncoding(name.c_str(), 0);
+    char path[1024] = {};
+    std::snprintf(path, sizeof path, "/tmp/%d",
+                  static_cast<int>(static_cast<std::int32_t>(VellHash(string))));
+    VellRelease(string);
+    out = path;
+    VellLogInfo("[GlobalLock] - lock name for '%s' is '%s'\n", name.c_str(), out.c_str());
+}
+
+GlobalLock::GlobalLock(const std::string& name) {
+    EncodeMutexNameForPlatform(name, mName);
+    VellLogDebug("Trying to open mutex...\n");
+    int failures = 0;
+    for (;;) {
+        mFd = OpenWithSharedLock(mName.c_str());
+        if (mFd <= 0) {
+            mFd = 0;
+            sleep(1);
+            if (++failures % 30 == 0) {
+                VellLogInfo("[GlobalLock] - waited too long, trying to break lock\n");
+                if (isNoLockFile(mName))
+                    unlink(mName.c_str());
+            }
+            continue;
+        }
+        failures = 0;
+        if (!lockExclusively(mFd)) {
+            VellLogDebug("Could not obtain the mutex, but failed miserably!\n");
+            return;
+        }
+        if (namesOpenFile(mName, mFd))
+            break;
+        close(mFd); // the one before us removed it: a newcomer may hold its successor
+        mFd = 0;
+    }
+    mLocked = true;
+    remember(mName);
+    VellLogDebug("Obtained the mutex named %s\n", mName.c_str());
+}
+
+GlobalLock::~GlobalLock() {
+    release(mFd, mLocked, mName);
+}
+
+void GlobalLock::RemoveFile(const std::string& path) {
+    {
+        const std::lock_guard guard(heldFiles().lock);
+        if (heldFiles().paths.contains(path)) {
+            unlink(path.c_str());
+            return;
+        }
+    }
+    struct stat named {};
+    if (lstat(path.c_str(), &named) != 0 || !S_ISREG(named.st_mode))
+        return;
+    // Without OpenWithSharedLock: that would wait for a holder, and make a file that is not there.
+    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0)
+        return;
+    if (lockExclusively(fd, LOCK_NB) && namesOpenFile(path, fd))
+        unlink(path.c_str());
+    close(fd);
+}
+
+// --- GlobalDeviceLock
+// ----------------------------------------------------------------------------------------------
+
+void GlobalDeviceLock::EncodeMutexNameForPlatform(const std::string& name, std::string& out) {
+    std::string path = "/tmp/";
+    for (const char character : name) {
+        if (character == '/' || character == ':' || character == '@')
+            path += '_';
+        else
+            path += static_cast<char>(std::tolower(static_cast<unsigned char>(character)));
+    }
+    out = path;
+}
+
+GlobalDeviceLock::GlobalDeviceLock(const std::string& name) {
+    EncodeMutexNameForPlatform(name, mName);
+    VellLogRuntime("Creating the mutex named %s\n", mName.c_str());
+    const CFAbsoluteTime start = CFAbsoluteTimeGetCurrent();
+    for (;;) {
+        VellLogRuntime("Trying to open mutex...\n");
+        mFd = OpenWithSharedLock(mName.c_str());
+        if (mFd <= 0) {
+            const int error = errno;
+            mFd = 0;
+            VellLogError("Unable to create a mutex with error: %d\n", error);
+            if (CFAbsoluteTimeGetCurrent() - start > 30.0) {
+                VellLogError("Timedout trying to get mutex, will not launch this device\n");
+                VellLogError("Unable to create a mutex with error: %d\n", error);
+                return;
+            }
+            sleep(1);
+            continue;
+        }
+        VellLogRuntime("Mutex is opened, now lets get a lock to it\n");
+        if (!lockExclusively(mFd)) {
+            VellLogError("Unable to create a mutex, flock failed with error: %d\n", errno);
+            return;
+        }
+        if (namesOpenFile(mName, mFd))
+            break;
+        close(mFd);
+        mFd = 0;
+    }
+    mLocked = true;
+    remember(mName);
+    VellLogRuntime("--- [OK] => Obtained the mutex named %s\n", mName.c_str());
+}
+
+GlobalDeviceLock::~GlobalDeviceLock() {
+    release(mFd, mLocked, mName);
+}
