@@ -1,0 +1,148 @@
+// Connecting to the table and its instrument, and letting go of them.
+
+#include "TaviIO.h"
+#include "TaviIOPerformers.h"
+
+#include <strings.h>
+#include <unistd.h>
+
+#include <cstring>
+
+using namespace VellDevice;
+
+namespace {
+
+constexpr const char* kTable = "TaviTTaviTable1"; // the SDK's name of the table
+constexpr int kTaviVendorID = 0x971;
+constexpr int kTaviProductID = 0x2000;
+constexpr int kNoInstrumentOnTable = 100; // Tavi_IsTableConnected: there is a table, and nothing on it
+
+} // namespace
+
+bool TaviIO::hasTaviConnected() {
+    if (mHardwareDevice == nullptr)
+        return false;
+    const VellHardwareDeviceRef sibling =
+        VellHardwareDeviceCopyFirstSiblingWithInfo(mHardwareDevice, kTaviVendorID, kTaviProductID);
+    const bool found = sibling != nullptr;
+    VellRelease(sibling);
+    return found;
+}
+
+DevicePluginConnectResult TaviIO::connect() {
+    try {
+        return _connect();
+    } catch (const TaviSDK::Exception&) {
+        VellLogDebug("[TaviIO::connect()] - TaviSDK exception\n");
+        return kConnectFailed;
+    }
+}
+
+bool TaviIO::disconnect() {
+    try {
+        _disconnect();
+    } catch (const TaviSDK::Exception&) {
+        VellLogDebug("[TaviIO::disconnect()] - TaviSDK exception\n");
+    }
+    return true;
+}
+
+void TaviIO::resetInstrument() {
+    const SDKLock lock(*this);
+    Tavi_SetOption("Reset", "TaviTAll");
+}
+
+DevicePluginConnectResult TaviIO::_connect() try {
+    VellLogInfo("<%p> - %s\n", static_cast<void*>(this), "DevicePluginConnectResult TaviIO::_connect()");
+    setTaviIsConnected(hasTaviConnected());
+    VellLogInfo("[DEBUG ----] - TaviIsConnected = %d\n", taviIsConnected() ? 1 : 0);
+    setIsCancelled(false);
+    setIsMeasuring(false);
+
+    resetInstrument();
+    usleep(10);
+    int connected = 0;
+    {
+        const SDKLock lock(*this);
+        connected = Tavi_IsTableConnected();
+    }
+    logIfError("Tavi_IsTableConnected", connected);
+    if ((connected != 0 && connected != kNoInstrumentOnTable) || !tableIsOurs()) {
+        resetInstrument();
+        return kConnectFailed;
+    }
+    std::strncpy(mUsedSDKDeviceName, kTable, sizeof mUsedSDKDeviceName - 1);
+    VellLogInfo("mUsedSDKDeviceName: %s\n", mUsedSDKDeviceName);
+
+    {
+        const SDKLock lock(*this);
+        device()->setSerialNumber(option("TaviTSerialNumber"));
+        device()->setCalibrationStatus(0);
+        updateSoftwareMeasurement(false);
+    }
+    std::vector<std::string> modes;
+    supportedModeList(modes);
+    device()->setModes(modes);
+    setMode(DeviceModeSingleReflectance);
+    {
+        const SDKLock lock(*this);
+        Tavi_SetOption("Beep", "yes");
+        parkHead();
+    }
+    updateAttributes();
+    {
+        const SDKLock lock(*this);
+        Tavi_RegisterDeviceMessageHandler(__FPtr_Tavi_MessageHandler);
+    }
+    return kConnected;
+} catch (const TaviSDK::Exception&) {
+    VellLogError("TaviIO::connect - Caught exception coming from TaviIO SDK\n");
+    return kConnectFailed;
+}
+
+// The table that the SDK found is the one that this plug-in was started for: the device path begins with the
+// table's identifier.
+bool TaviIO::tableIsOurs() {
+    VellLogInfo("Found table for %s\n", kTable);
+    const std::string identifier = option("TaviTHalcyDeviceIdentifier");
+    if (identifier.empty()) {
+        VellLogInfo("No path found for table %s\n", kTable);
+        return false;
+    }
+    VellLogInfo("Path: %s\n", identifier.c_str());
+    VellLogInfo("sdk Path: %s\n", textOf(mDevicePath));
+    return strncasecmp(textOf(mDevicePath), identifier.c_str(), identifier.size()) == 0;
+}
+
+bool TaviIO::_disconnect() {
+    VellLogInfo("<%p> - %s\n", static_cast<void*>(this), "bool TaviIO::_disconnect()");
+    forgetPolling();
+    // A worker that has given up the flag may still be waiting for its last response to be posted.
+    if (isMeasuring() || hasWorkers()) {
+        setIsCancelled(true);
+        while (isMeasuring() || hasWorkers())
+            waitOneSecond();
+    }
+    {
+        const SDKLock lock(*this);
+        Tavi_RegisterDeviceMessageHandler(nullptr);
+    }
+    sleep(1);
+    resetInstrument();
+
+    MutableDevice& record = *device();
+    record.setSerialNumber("");
+    record.setCalibrationStatus(0);
+    record.setSoftwareMeasurementAvailable(false);
+    record.clearAttributes();
+    record.setModes({});
+    return true;
+}
+
+void TaviIO::__FPtr_Tavi_MessageHandler(Tavi_DeviceMessage message, const char*) {
+    if (message != Tavi_MessageButtonPressed)
+        return;
+    VellLogInfo("Sending Tavi button press to device center runLoop\n");
+    auto* const performer = new TaviIOButtonPressPerformer; // deletes itself
+    performer->schedule(false);
+}

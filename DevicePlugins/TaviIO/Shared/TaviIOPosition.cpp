@@ -1,0 +1,64 @@
+// "Measure" in the single-reading mode: where the head is.
+
+#include "Numbers.h"
+#include "TaviIO.h"
+
+using namespace VellDevice;
+
+namespace {
+
+ColorRepresentation positionIn(const std::string& colorSpace, const std::string& x, const std::string& y) {
+    ColorRepresentation representation;
+    representation.setColorSpace(colorSpace);
+    representation.setAttributeForKey(x, "x");
+    representation.setAttributeForKey(y, "y");
+    return representation;
+}
+
+} // namespace
+
+void TaviIO::_measurePosition(const Command& command) {
+    const PollingPause pause(*this);
+    try {
+        int status = 0;
+        {
+            const SDKLock lock(*this);
+            status = Tavi_SetOption("TaviTIsVisorCoordinate", "yes");
+        }
+        MutableResponse response(command);
+        if (status == 0)
+            status = readPosition(response);
+        const SDKLock lock(*this);
+        response.setCode(sdkError2Error(status));
+        response.setMessage(option("LastError"));
+        response.send();
+    } catch (const TaviSDK::Exception&) {
+        VellLogError("[TaviIO::_measurePosition] - TaviSDK exception\n");
+        refuse(command, kInstrumentFailure, lastErrorWhateverHappens());
+    }
+}
+
+// On success the response carries the position.
+int TaviIO::readPosition(MutableResponse& response) {
+    float x = 0;
+    float y = 0;
+    int status = 0;
+    {
+        const SDKLock lock(*this);
+        status = Tavi_GetPosition(&x, &y);
+    }
+    logIfError("Tavi_GetPosition", status);
+    if (status != 0)
+        return status;
+    Measurement measurement;
+    measurement.addColorRepresentation(positionIn(ColorSpaceSpectral, TextFromFloat(x), TextFromFloat(y)));
+    measurement.addColorRepresentation(positionIn(ColorSpacePosition, TextFromFloat(x), TextFromFloat(y)));
+    MutableMeasurementSet set;
+    set.addMeasurement(measurement);
+    response.setMeasurementSet(set);
+    return status;
+}
+
+int TaviIO::getPositionMeasurementData(std::vector<double>& spectrum) {
+    return getSpectrum(0, spectrum);
+}

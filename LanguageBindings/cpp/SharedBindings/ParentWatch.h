@@ -1,0 +1,35 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <condition_variable>
+#include <mutex>
+
+namespace VellDevice {
+
+// Notices that the parent process is gone; a thread waits in it and looks every 5 seconds.
+//
+// An orphan is handed to process 1, or to whichever process adopts orphans in its place, so a parent that
+// changed counts as gone too. The wait never ends before arm(), which the plug-in calls when it is complete.
+class ParentWatch {
+public:
+    ParentWatch();
+
+    // Waits until the parent is gone (true) or nobody wants to know any more (false).
+    bool waitUntilGone();
+    // From now on a parent that is gone ends the wait. Any thread.
+    void arm();
+    // Ends the wait without a report. Any thread.
+    void retire();
+
+private:
+    bool parentIsGone() const;
+
+    const pid_t mParent;
+    std::mutex mLock; // guards mArmed and mRetired
+    std::condition_variable mChanged;
+    bool mArmed = false;
+    bool mRetired = false;
+};
+
+} // namespace VellDevice
