@@ -1,6 +1,7 @@
-// The part of CoreFoundation that the system uses: absolute time, run-loop timers, and the few string, URL and
-// bundle objects that name a bundle to the log. Names, types and ownership follow the framework: what a
-// `...Create...` call returns belongs to the caller, who gives it back with CFRelease; everything else is lent.
+// The part of CoreFoundation that the system uses: absolute time, run-loop timers, and the few string, URL
+// and bundle objects that name a bundle to the log. Names, types and ownership follow the framework: what a
+// `...Create...` call returns belongs to the caller, who gives it back with CFRelease; everything else is
+// lent.
 //
 // Where this implementation promises more than the framework, code outside Platform must not rely on it.
 #pragma once
@@ -55,8 +56,8 @@ struct CFRunLoopTimerContext {
     CFStringRef (*copyDescription)(const void* info);
 };
 
-// A timer that fires at `fireDate` and, when `interval` is above 0, again and again. A fire date that has passed
-// (0 is the usual one) means the next pass of the loop it is added to.
+// A timer that fires at `fireDate` and, when `interval` is above 0, again and again. A fire date that has
+// passed (0 is the usual one) means the next pass of the loop it is added to.
 CFRunLoopTimerRef CFRunLoopTimerCreate(CFAllocatorRef allocator, CFAbsoluteTime fireDate,
                                        CFTimeInterval interval, CFOptionFlags flags, CFIndex order,
                                        CFRunLoopTimerCallBack callout, CFRunLoopTimerContext* context);

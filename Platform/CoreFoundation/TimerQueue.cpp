@@ -1,0 +1,57 @@
+#include "TimerQueue.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace CoreFoundation {
+
+void TimerQueue::insert(CFRunLoopTimerRef timer, CFAbsoluteTime date) {
+    // A date that is no number would upset the order; such a timer is never due.
+    if (!(date == date))
+        date = std::numeric_limits<CFAbsoluteTime>::infinity();
+    {
+        const std::lock_guard lock(mMutex);
+        mTimers.emplace(Key(date, ++mLastTicket), TimerReference(timer));
+    }
+    // Invalidated between the decision to insert it and now.
+    if (!timer->isValid())
+        remove(timer);
+}
+
+void TimerQueue::remove(CFRunLoopTimerRef timer) {
+    // Released after the lock: the last reference may go with it.
+    std::optional<TimerReference> removed;
+    const std::lock_guard lock(mMutex);
+    const auto found = std::find_if(mTimers.begin(), mTimers.end(),
+                                    [&](const auto& entry) { return entry.second.get() == timer; });
+    if (found == mTimers.end())
+        return;
+    removed.emplace(std::move(found->second));
+    mTimers.erase(found);
+}
+
+TimerQueue::Ticket TimerQueue::lastTicket() const {
+    const std::lock_guard lock(mMutex);
+    return mLastTicket;
+}
+
+std::optional<TimerQueue::Due> TimerQueue::takeDue(CFAbsoluteTime now, Ticket last) {
+    const std::lock_guard lock(mMutex);
+    for (auto entry = mTimers.begin(); entry != mTimers.end() && entry->first.first <= now; ++entry) {
+        if (entry->first.second > last)
+            continue;
+        Due due{std::move(entry->second), entry->first.first};
+        mTimers.erase(entry);
+        return due;
+    }
+    return std::nullopt;
+}
+
+std::optional<CFAbsoluteTime> TimerQueue::nextDate() const {
+    const std::lock_guard lock(mMutex);
+    if (mTimers.empty())
+        return std::nullopt;
+    return mTimers.begin()->first.first;
+}
+
+} // namespace CoreFoundation

@@ -1,0 +1,80 @@
+#include "FolderWatch.h"
+
+#include <VellDevice/VellDevice.h>
+
+#include <sys/inotify.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace VellService {
+namespace {
+
+constexpr CFTimeInterval kRetryPause = 1.0;
+constexpr std::uint32_t kChanges = IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE |
+                                   IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr std::uint32_t kFolderGone = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
+
+} // namespace
+
+FolderWatch::FolderWatch(CFRunLoopRef loop, std::string folder,
+                         std::function<std::optional<std::string>()> ensure, std::function<void()> changed)
+    : mLoop(loop),
+      mFolder(std::move(folder)),
+      mEnsure(std::move(ensure)),
+      mChanged(std::move(changed)),
+      mRetry(loop) {}
+
+FolderWatch::~FolderWatch() = default;
+
+void FolderWatch::start() {
+    if (watch())
+        mComplained = false;
+    else
+        mRetry.start(kRetryPause, [this] { start(); });
+    mChanged();
+}
+
+bool FolderWatch::watch() {
+    std::string problem = mEnsure().value_or("");
+    if (problem.empty()) {
+        mNotifier.reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+        if (mNotifier && inotify_add_watch(mNotifier.get(), mFolder.c_str(), kChanges) >= 0) {
+            mSource = std::make_unique<CoreFoundation::FileSource>(mLoop, mNotifier.get(), EPOLLIN,
+                                                                   [this](std::uint32_t) { readEvents(); });
+            return true;
+        }
+        problem = "cannot watch " + mFolder + ": " + std::generic_category().message(errno);
+    }
+    if (!mComplained)
+        VellLogWarning("[FolderWatch] - %s\n", problem.c_str());
+    mComplained = true;
+    return false;
+}
+
+void FolderWatch::lose() {
+    mSource.reset();
+    mNotifier.reset();
+    mRetry.start(0, [this] { start(); });
+}
+
+void FolderWatch::readEvents() {
+    alignas(inotify_event) char buffer[4096];
+    bool gone = false;
+    for (;;) {
+        const ssize_t count = read(mNotifier.get(), buffer, sizeof buffer);
+        if (count <= 0)
+            break;
+        for (ssize_t position = 0; position < count;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(buffer + position);
+            gone = gone || (event->mask & kFolderGone) != 0;
+            position += static_cast<ssize_t>(sizeof *event + event->len);
+        }
+    }
+    if (gone)
+        lose();
+    else
+        mChanged();
+}
+
+} // namespace VellService

@@ -1,0 +1,80 @@
+#pragma once
+
+#include "FrameReader.h"
+#include "Wire.h"
+
+#include <CoreFoundation/FileDescriptor.h>
+#include <CoreFoundation/RunLoop.h>
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace VellService {
+
+// One connected socket that carries frames both ways. Frames that arrive are handed over one at a time as
+// events of the loop, so that several channels take turns; a channel reads on when what it has read is dealt
+// with. Frames that are sent leave at once as far as the socket takes them, the rest as it becomes writable;
+// a peer that lets too much wait is cut off.
+//
+// Sending and flushing are for any thread, everything else for the loop's.
+class FrameChannel : public std::enable_shared_from_this<FrameChannel> {
+public:
+    // What may wait for a peer that does not read.
+    static constexpr std::size_t kMaximumWaiting = 64 << 20;
+
+    struct Handlers {
+        // Answers false when the payload makes no sense; the channel is closed then.
+        std::function<bool(std::string_view payload)> frame;
+        // The channel has ended by itself: the peer left, was cut off or sent nonsense. Called once, as an
+        // event.
+        std::function<void()> ended;
+    };
+
+    // `peer` names the other end in the log.
+    FrameChannel(CoreFoundation::FileDescriptor socket, CFRunLoopRef loop, std::string peer);
+    ~FrameChannel();
+
+    void start(Handlers handlers);
+    // Ends the channel without a call of `ended`.
+    void close();
+
+    void send(const Frame& frame);
+    // Writes what the socket takes now; true when nothing waits any more.
+    bool flush();
+    // The peer sees the end of the stream, and so does the loop.
+    void hangUp();
+
+private:
+    void receive();
+    bool readOnce();
+    void deliverNext();
+    void enqueueDelivery();
+    void end();
+    // With mMutex held.
+    void writeWaiting();
+    void giveUp();
+
+    const CFRunLoopRef mLoop;
+    const std::string mPeer;
+    const CoreFoundation::FileDescriptor mSocket;
+
+    // The loop's thread only.
+    Handlers mHandlers;
+    FrameReader mReader;
+    bool mDelivering = false; // a delivery event is queued or running
+    bool mAtEnd = false;      // nothing more will be read
+
+    // Guards the fields below. A leaf but for the log: no handler is called while it is held.
+    std::mutex mMutex;
+    std::unique_ptr<CoreFoundation::FileSource> mSource; // null before the start and after the end
+    std::deque<Frame> mWaiting;
+    std::size_t mWaitingBytes = 0;
+    std::size_t mFirstWritten = 0; // bytes of the first waiting frame that have left
+    bool mWatchesWriting = false;
+    bool mGivenUp = false; // nothing more will be written
+};
+
+} // namespace VellService

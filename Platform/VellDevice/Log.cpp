@@ -1,0 +1,221 @@
+#include "Library.h"
+#include "RuntimeFolder.h"
+
+#include <CoreFoundation/FileDescriptor.h>
+#include <CoreFoundation/Object.h>
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <system_error>
+
+using namespace VellService;
+
+namespace {
+
+enum class Level { runtime, debug, info, warning, error };
+
+struct LevelName {
+    const char* setting; // in $VELL_LOG_LEVEL
+    const char* label;   // in a line
+};
+constexpr std::array<LevelName, 5> kLevels{{{"runtime", "RUNTIME"},
+                                            {"debug", "DEBUG"},
+                                            {"info", "INFO"},
+                                            {"warning", "WARNING"},
+                                            {"error", "ERROR"}}};
+
+Level chosenLevel() {
+    const char* setting = std::getenv("VELL_LOG_LEVEL");
+    for (std::size_t i = 0; setting && i < kLevels.size(); ++i) {
+        if (equalIgnoringCase(setting, kLevels[i].setting))
+            return static_cast<Level>(i);
+    }
+    return Level::runtime;
+}
+
+// Where lines go. Writing takes no lock: a line is one write(2) to a descriptor that is opened for appending,
+// and a change of file puts the new one under the same descriptor.
+class Output {
+public:
+    static Output& shared() {
+        // Never destroyed: threads may outlive the static objects.
+        static Output& instance = *new Output;
+        return instance;
+    }
+
+    bool wants(Level level) const { return level >= mLowest.load(std::memory_order_relaxed); }
+    void write(const std::string& line);
+    void setFile(const char* name);
+
+private:
+    Output() : mLowest(std::max(chosenLevel(), Level::warning)) {}
+    void useStandardError();
+    void complain(const std::string& problem);
+
+    std::mutex mMutex; // guards the change of file
+    std::atomic<int> mDescriptor{STDERR_FILENO};
+    std::atomic<Level> mLowest;
+    std::atomic<bool> mComplained{false};
+};
+
+void Output::write(const std::string& line) {
+    const int descriptor = mDescriptor.load(std::memory_order_acquire);
+    ssize_t written = 0;
+    do {
+        written = ::write(descriptor, line.data(), line.size());
+    } while (written < 0 && errno == EINTR);
+    if (written < 0)
+        complain("the log cannot be written: " + std::generic_category().message(errno));
+}
+
+void Output::complain(const std::string& problem) {
+    if (mComplained.exchange(true))
+        return;
+    const std::string line = problem + "\n";
+    // When standard error cannot be written either, there is nobody to tell.
+    [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
+}
+
+void Output::useStandardError() {
+    mLowest = std::max(chosenLevel(), Level::warning);
+    if (mDescriptor != STDERR_FILENO)
+        dup3(STDERR_FILENO, mDescriptor, O_CLOEXEC);
+}
+
+void Output::setFile(const char* name) {
+    const std::lock_guard lock(mMutex);
+    mComplained = false;
+    if (!name || !*name)
+        return useStandardError();
+    std::string file = name;
+    std::replace(file.begin(), file.end(), '/', '_'); // a name, not a path
+    const std::string folder = logFolderPath();
+    if (const auto problem = ensureFolder(folder)) {
+        complain("no log file: " + *problem);
+        return useStandardError();
+    }
+    const std::string path = folder + "/" + file;
+    CoreFoundation::FileDescriptor opened(
+        open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
+    if (!opened) {
+        complain("no log file: cannot open " + path + ": " + std::generic_category().message(errno));
+        return useStandardError();
+    }
+    if (mDescriptor == STDERR_FILENO)
+        mDescriptor.store(fcntl(opened.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1), std::memory_order_release);
+    else
+        dup3(opened.get(), mDescriptor, O_CLOEXEC);
+    mLowest = chosenLevel();
+}
+
+std::string prefix(Level level) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    static const int process = getpid();
+    thread_local const long thread = syscall(SYS_gettid);
+    char text[96];
+    std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    length += static_cast<std::size_t>(
+        std::snprintf(text + length, sizeof text - length, ".%03ld %s [%d:%ld] ", now.tv_nsec / 1000000,
+                      kLevels[static_cast<std::size_t>(level)].label, process, thread));
+    return {text, length};
+}
+
+// One line, whatever the text holds: names that clients choose must not be able to forge lines.
+void appendOneLine(std::string& line, const char* text, std::size_t length) {
+    while (length > 0 && text[length - 1] == '\n')
+        --length;
+    for (std::size_t i = 0; i < length; ++i) {
+        if (text[i] == '\n')
+            line += "\\n";
+        else if (text[i] == '\r')
+            line += "\\r";
+        else
+            line += text[i];
+    }
+    line += '\n';
+}
+
+void log(Level level, const char* format, va_list arguments) {
+    if (!Output::shared().wants(level))
+        return;
+    std::string line = prefix(level);
+    char text[1024];
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(text, sizeof text, format, arguments);
+    if (length >= 0 && static_cast<std::size_t>(length) < sizeof text) {
+        appendOneLine(line, text, static_cast<std::size_t>(length));
+    } else if (length >= 0) {
+        std::string longText(static_cast<std::size_t>(length) + 1, '\0');
+        std::vsnprintf(longText.data(), longText.size(), format, again);
+        appendOneLine(line, longText.data(), static_cast<std::size_t>(length));
+    }
+    va_end(again);
+    if (length >= 0)
+        Output::shared().write(line);
+}
+
+std::string textFor(const Ref<__VellDictionary>& properties, const char* key) {
+    const auto* value = as<__VellString>(properties->get(key));
+    return value ? value->text : "unknown";
+}
+
+} // namespace
+
+#define VELL_LOG(level)                                                                                      \
+    va_list arguments;                                                                                       \
+    va_start(arguments, format);                                                                             \
+    log(level, format, arguments);                                                                           \
+    va_end(arguments)
+
+void VellLogRuntime(const char* format, ...) {
+    VELL_LOG(Level::runtime);
+}
+
+void VellLogDebug(const char* format, ...) {
+    VELL_LOG(Level::debug);
+}
+
+void VellLogInfo(const char* format, ...) {
+    VELL_LOG(Level::info);
+}
+
+void VellLogWarning(const char* format, ...) {
+    VELL_LOG(Level::warning);
+}
+
+void VellLogError(const char* format, ...) {
+    VELL_LOG(Level::error);
+}
+
+#undef VELL_LOG
+
+void VellLogSetOutputFile(const char* name) {
+    Output::shared().setFile(name);
+}
+
+void VellLogBuildInformationForPlatform(CFBundleRef bundle) {
+    if (!bundle) {
+        VellLogInfo("VellDevice platform %s (%s build)\n", VELL_PLATFORM_VERSION, VELL_PLATFORM_BUILD);
+        return;
+    }
+    const auto properties = bundleProperties(bundle->path);
+    VellLogInfo("%s %s\n", textFor(properties, "CFBundleIdentifier").c_str(),
+                textFor(properties, "CFBundleVersion").c_str());
+}

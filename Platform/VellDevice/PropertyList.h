@@ -1,0 +1,78 @@
+#pragma once
+
+#include "Values.h"
+
+#include <plist/plist.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace VellService {
+
+// Property lists through the library, which gives an untyped tree; this is the typed and bounded way to it.
+struct FreePropertyList {
+    void operator()(void* node) const { plist_free(node); }
+};
+using PropertyListPtr = std::unique_ptr<void, FreePropertyList>;
+
+// The tree behind bytes that anybody may have written. Null when they are no property list, or one that nests
+// deeper than 64 levels, or whose shared parts would unfold to more than it is worth: no bytes make this
+// crash or use memory out of proportion.
+PropertyListPtr parseBinaryPropertyList(std::string_view bytes);
+PropertyListPtr parseXmlPropertyList(std::string_view bytes);
+PropertyListPtr parsePropertyList(std::string_view bytes); // either
+
+// Empty when the tree cannot be written.
+std::string binaryPropertyList(plist_t root);
+
+// Nodes for values; the text is made valid UTF-8 first.
+plist_t newStringNode(const std::string& text);
+plist_t newDataNode(const std::string& bytes);
+plist_t newIntegerNode(std::int64_t value);
+void setFlag(plist_t dictionary, const char* key, bool value);
+
+// What a dictionary holds under a key; nothing when it is missing or of another type.
+std::optional<std::string> stringIn(plist_t dictionary, const char* key);
+std::optional<std::int64_t> integerIn(plist_t dictionary, const char* key); // a real or a boolean counts, too
+std::optional<std::string> dataIn(plist_t dictionary, const char* key);
+plist_t arrayIn(plist_t dictionary, const char* key);
+plist_t dictionaryIn(plist_t dictionary, const char* key);
+Ref<__VellString> stringObjectIn(plist_t dictionary, const char* key); // null when missing
+
+std::optional<std::string> stringOf(plist_t node);
+std::optional<std::int64_t> integerOf(plist_t node);
+
+// Calls `function(node)` for each element, `function(key, node)` for each entry, in order.
+template <typename Function>
+void forEachElement(plist_t array, Function function) {
+    plist_array_iter iterator = nullptr;
+    plist_array_new_iter(array, &iterator);
+    const std::unique_ptr<void, void (*)(void*)> owner(iterator, std::free);
+    plist_t item = nullptr;
+    for (plist_array_next_item(array, iterator, &item); item; plist_array_next_item(array, iterator, &item))
+        function(item);
+}
+
+template <typename Function>
+void forEachEntry(plist_t dictionary, Function function) {
+    plist_dict_iter iterator = nullptr;
+    plist_dict_new_iter(dictionary, &iterator);
+    const std::unique_ptr<void, void (*)(void*)> owner(iterator, std::free);
+    for (;;) {
+        char* key = nullptr;
+        plist_t value = nullptr;
+        plist_dict_next_item(dictionary, iterator, &key, &value);
+        const std::unique_ptr<char, void (*)(void*)> keyOwner(key, std::free);
+        if (!value)
+            return;
+        function(key ? key : "", value);
+    }
+}
+
+// Between trees and service objects. Null when there is something else in them, or more than 64 levels.
+PropertyListPtr nodeOfObject(const Object* object);
+Ref<Object> objectOfNode(plist_t node);
+
+} // namespace VellService

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <CoreFoundation/FileDescriptor.h>
+
+#include <optional>
+#include <string>
+
+namespace VellService {
+
+// The folders that the programs of one user share. Any thread.
+//
+// The runtime folder is $VELL_RUNTIME_DIR, else $XDG_RUNTIME_DIR/vell, else /tmp/vell-<uid>. It holds the
+// sockets, so it is this user's alone: mode 0700, and refused when it is a symbolic link or belongs to
+// somebody else.
+std::string runtimeFolderPath();
+std::string hardwareFolderPath(); // $VELL_HARDWARE_DIR, else "hardware" in the runtime folder
+std::string logFolderPath();      // $VELL_LOG_DIR, else "log" in the runtime folder
+
+// Makes the folder where it is missing. Nothing on success, else why not, as a sentence for a log line or a
+// user.
+std::optional<std::string> ensureRuntimeFolder();
+// The same for a folder in the runtime folder or one that the user has named.
+std::optional<std::string> ensureFolder(const std::string& path);
+
+} // namespace VellService

@@ -1,0 +1,230 @@
+#include "Server.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <stdexcept>
+
+namespace VellService {
+namespace {
+
+constexpr int kAcceptsInARow = 64; // before other descriptors get their turn
+constexpr CFTimeInterval kAcceptPause = 0.1;
+constexpr std::chrono::milliseconds kFlushTime{1000};
+constexpr int kFlushPause = 5; // milliseconds
+
+std::string socketName(const __VellString& source) {
+    char name[16];
+    std::snprintf(name, sizeof name, "%08x", VellHash(const_cast<__VellString*>(&source)));
+    return name;
+}
+
+// There is no way on with these until something is given back.
+bool isShortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+} // namespace
+
+Server::Server(CFRunLoopRef loop, CommandHandler handler)
+    : mLoop(loop), mHandler(std::move(handler)), mAcceptPause(loop) {}
+
+Server::~Server() {
+    disposeOf(mListener, channels());
+}
+
+void Server::listen(const __VellString& name) {
+    {
+        const std::lock_guard lock(mMutex);
+        if (mListener) {
+            VellLogError("[Server] - already listening on %s\n", mListener->socket.path().c_str());
+            return;
+        }
+    }
+    try {
+        const auto listener = std::make_shared<Listener>(socketName(name));
+        listener->source = std::make_unique<CoreFoundation::FileSource>(
+            mLoop, listener->socket.descriptor(), EPOLLIN,
+            [this, weak = std::weak_ptr(listener)](std::uint32_t) {
+                if (const auto strong = weak.lock())
+                    acceptClients(strong);
+            });
+        VellLogInfo("[Server] - listening on %s\n", listener->socket.path().c_str());
+        const std::lock_guard lock(mMutex);
+        mListener = listener;
+    } catch (const std::exception& problem) {
+        VellLogError("[Server] - no clients for '%s': %s\n", name.text.c_str(), problem.what());
+    }
+}
+
+void Server::acceptClients(const std::shared_ptr<Listener>& listener) {
+    for (int count = 0; count < kAcceptsInARow; ++count) {
+        CoreFoundation::FileDescriptor socket(
+            accept4(listener->socket.descriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (socket) {
+            admit(std::move(socket));
+            continue;
+        }
+        if (errno == EINTR || errno == ECONNABORTED)
+            continue;
+        if (isShortage(errno))
+            pauseAccepting(listener);
+        else if (errno != EAGAIN && errno != EWOULDBLOCK)
+            listener->source.reset(); // withdrawn
+        return;
+    }
+}
+
+void Server::pauseAccepting(const std::shared_ptr<Listener>& listener) {
+    // The socket stays readable: watched on, it would keep the loop spinning.
+    VellLogWarning("[Server] - no client can be taken in for the moment (error %d)\n", errno);
+    listener->source->setEvents(0);
+    mAcceptPause.start(kAcceptPause, [weak = std::weak_ptr(listener)] {
+        const auto strong = weak.lock();
+        if (strong && strong->source)
+            strong->source->setEvents(EPOLLIN);
+    });
+}
+
+void Server::admit(CoreFoundation::FileDescriptor socket) {
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
+        return;
+    if (credentials.uid != geteuid() && credentials.uid != 0) {
+        VellLogWarning("[Server] - a process of user %u was turned away\n", credentials.uid);
+        return;
+    }
+    Sender sender;
+    sender.processIdentifier = credentials.pid;
+    sender.isThisProcess = credentials.pid == getpid();
+    const auto channel = std::make_shared<FrameChannel>(std::move(socket), mLoop,
+                                                        "client process " + std::to_string(credentials.pid));
+    {
+        const std::lock_guard lock(mMutex);
+        if (!mListener)
+            return;
+        sender.connection = ++mLastClient;
+        mClients.emplace(sender.connection, channel);
+        channel->send(mPublished);
+    }
+    FrameChannel::Handlers handlers;
+    handlers.frame = [this, sender](std::string_view payload) { return receive(payload, sender); };
+    handlers.ended = [this, sender] { remove(sender.connection); };
+    try {
+        channel->start(std::move(handlers));
+    } catch (const std::exception& problem) {
+        VellLogError("[Server] - a client cannot be served: %s\n", problem.what());
+        remove(sender.connection);
+    }
+}
+
+bool Server::receive(std::string_view payload, const Sender& sender) {
+    const Message message(payload);
+    if (message.type() == MessageType::unknown) // of a later version, perhaps
+        return true;
+    if (message.type() != MessageType::command)
+        return false;
+    const auto command = commandOf(message, sender);
+    if (!command)
+        return false;
+    mHandler(command);
+    return true;
+}
+
+void Server::remove(ConnectionIdentifier client) {
+    std::shared_ptr<FrameChannel> channel;
+    const std::lock_guard lock(mMutex);
+    const auto found = mClients.find(client);
+    if (found == mClients.end())
+        return;
+    channel = std::move(found->second);
+    mClients.erase(found);
+}
+
+std::vector<std::shared_ptr<FrameChannel>> Server::channels() const {
+    std::vector<std::shared_ptr<FrameChannel>> all;
+    const std::lock_guard lock(mMutex);
+    all.reserve(mClients.size());
+    for (const auto& [identifier, channel] : mClients)
+        all.push_back(channel);
+    return all;
+}
+
+void Server::publish(const Frame& status) {
+    if (!status)
+        return;
+    const std::lock_guard lock(mMutex);
+    mPublished = status;
+    for (const auto& [identifier, channel] : mClients)
+        channel->send(status);
+}
+
+void Server::forgetPublished() {
+    const std::lock_guard lock(mMutex);
+    mPublished = nullptr;
+}
+
+void Server::broadcast(const Frame& frame) {
+    const std::lock_guard lock(mMutex);
+    for (const auto& [identifier, channel] : mClients)
+        channel->send(frame);
+}
+
+void Server::send(ConnectionIdentifier client, const Frame& frame) {
+    const std::lock_guard lock(mMutex);
+    const auto found = mClients.find(client);
+    if (found != mClients.end())
+        found->second->send(frame);
+}
+
+void Server::flush() {
+    for (const auto& channel : channels())
+        channel->flush();
+}
+
+void Server::close() {
+    std::shared_ptr<Listener> listener;
+    {
+        const std::lock_guard lock(mMutex);
+        listener.swap(mListener);
+    }
+    if (listener)
+        listener->socket.withdraw();
+    const auto clients = channels();
+    const auto deadline = std::chrono::steady_clock::now() + kFlushTime;
+    bool drained = false;
+    for (;;) {
+        drained = true;
+        for (const auto& channel : clients)
+            drained = channel->flush() && drained;
+        if (drained || std::chrono::steady_clock::now() >= deadline)
+            break;
+        poll(nullptr, 0, kFlushPause);
+    }
+    for (const auto& channel : clients)
+        channel->hangUp();
+    if (mLoop->isOfThisThread())
+        disposeOf(listener, clients);
+    else if (listener || !clients.empty())
+        mLoop->enqueue([this, listener, clients] { disposeOf(listener, clients); });
+}
+
+void Server::disposeOf(const std::shared_ptr<Listener>& listener,
+                       const std::vector<std::shared_ptr<FrameChannel>>& ended) {
+    if (listener)
+        listener->source.reset();
+    for (const auto& channel : ended)
+        channel->close();
+    const std::lock_guard lock(mMutex);
+    std::erase_if(mClients, [&](const auto& entry) {
+        return std::find(ended.begin(), ended.end(), entry.second) != ended.end();
+    });
+}
+
+} // namespace VellService

@@ -1,0 +1,68 @@
+#pragma once
+
+#include "Delay.h"
+#include "FrameChannel.h"
+#include "ServerSocket.h"
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace VellService {
+
+// The plug-in's side of the transport: takes clients in, hands their commands on, and sends them responses
+// and status. Posting, flushing and closing are for any thread, the rest for the loop's.
+class Server {
+public:
+    using CommandHandler = std::function<void(const Ref<__VellDeviceCommand>&)>;
+
+    // The handler is called on the loop's thread, for one command at a time.
+    Server(CFRunLoopRef loop, CommandHandler handler);
+    ~Server();
+
+    // Listens under the name's hash. A failure is logged: the plug-in then runs without clients.
+    void listen(const __VellString& name);
+
+    // A client gets the frame last published before anything else.
+    void publish(const Frame& status);
+    void forgetPublished();
+    void broadcast(const Frame& frame);
+    void send(ConnectionIdentifier client, const Frame& frame);
+    void flush();
+    // Withdraws the socket, lets what was posted leave (for a second at most) and hangs up on the clients.
+    void close();
+
+private:
+    // What one listen makes and one close ends.
+    struct Listener {
+        explicit Listener(const std::string& name) : socket(name) {}
+        ServerSocket socket;
+        std::unique_ptr<CoreFoundation::FileSource> source; // the loop's thread only
+    };
+
+    void acceptClients(const std::shared_ptr<Listener>& listener);
+    void admit(CoreFoundation::FileDescriptor socket);
+    void pauseAccepting(const std::shared_ptr<Listener>& listener);
+    bool receive(std::string_view payload, const Sender& sender);
+    void remove(ConnectionIdentifier client);
+    void disposeOf(const std::shared_ptr<Listener>& listener,
+                   const std::vector<std::shared_ptr<FrameChannel>>& channels);
+    std::vector<std::shared_ptr<FrameChannel>> channels() const;
+
+    const CFRunLoopRef mLoop;
+    const CommandHandler mHandler;
+    Delay mAcceptPause;
+
+    // Guards the fields below, so that every client sees posts in one order. Taken before a channel's lock.
+    mutable std::mutex mMutex;
+    std::shared_ptr<Listener> mListener;
+    std::map<ConnectionIdentifier, std::shared_ptr<FrameChannel>> mClients;
+    ConnectionIdentifier mLastClient = kOwnConnection;
+    Frame mPublished;
+};
+
+} // namespace VellService

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace VellService {
+
+// The text with every byte that is not part of valid UTF-8 replaced by U+FFFD.
+std::string validUtf8(std::string text);
+
+} // namespace VellService
