@@ -1,11 +1,12 @@
 // The instrument SDK: an X/Y table that carries a handheld spectrophotometer.
 //
-// Settings and information are named options with text values; the table moves the head; the spectrophotometer
-// calibrates, reads a spot or a strip, and keeps the readings as samples that are fetched afterwards. Most calls
-// return a status, 0 for success. "LastError" holds the text of the last failure.
+// Settings and information are named options with text values; the table moves the head; the
+// spectrophotometer calibrates, reads a spot or a strip, and keeps the readings as samples that are fetched
+// afterwards. Most calls return a status, 0 for success. "LastError" holds the text of the last failure.
 //
-// The SDK is not thread-safe: callers serialise their calls. The one exception is its own thread, on which it calls
-// the message handler; a handler must not call back into the SDK. Any call may throw TaviSDK::Exception.
+// The SDK is not thread-safe: callers serialise their calls. The one exception is its own thread, on which it
+// calls the message handler; a handler must not call back into the SDK. Any call may throw
+// TaviSDK::Exception.
 #pragma once
 
 #include <exception>
@@ -42,7 +43,8 @@ int Tavi_SetOption(const char* key, const char* value);
 // The option's text, lent until the next SDK call; null for a key that does not exist.
 const char* Tavi_GetOption(const char* key);
 
-// 0: table and spectrophotometer answer; 100: the table answers and carries no spectrophotometer; else: no table.
+// 0: table and spectrophotometer answer; 100: the table answers and carries no spectrophotometer; else: no
+// table.
 int Tavi_IsTableConnected();
 int Tavi_GoToHomePosition();
 // Table coordinates, in the table's unit; returns when the head is there.
@@ -53,8 +55,8 @@ int Tavi_GetPosition(float* x, float* y);
 int Tavi_Calibrate();
 // One reading where the head is; it is then the only sample.
 int Tavi_TriggerMeasurement();
-// One strip between two positions; returns when the strip is finished. The patches recognised are the samples then,
-// in the order of travel.
+// One strip between two positions; returns when the strip is finished. The patches recognised are the samples
+// then, in the order of travel.
 int Tavi_Scan(float fromX, float fromY, float toX, float toY);
 
 int Tavi_GetNumberOfAvailableSamples();

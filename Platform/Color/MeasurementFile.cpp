@@ -1,0 +1,184 @@
+#include <Color/CgatsReader.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+
+namespace Color {
+
+namespace {
+
+constexpr std::string_view kTail = "END_DATA\n";
+// The field of the NUMBER_OF_SETS line, wide enough for any count, so that the line can be rewritten in
+// place.
+constexpr std::size_t kCountWidth = 10;
+
+void appendQuoted(std::string& text, std::string_view value) {
+    text += '"';
+    for (const char c : value) {
+        if (c == '"') {
+            text += '"';
+        }
+        // A line ends with its set, whatever a sample is called.
+        text += c == '\n' || c == '\r' ? ' ' : c;
+    }
+    text += '"';
+}
+
+void appendKeyword(std::string& text, std::string_view keyword, std::string_view value) {
+    text.append(keyword).append(" ");
+    appendQuoted(text, value);
+    text += '\n';
+}
+
+// The shortest form that reads back to the same value.
+template <typename Number>
+void appendNumber(std::string& text, Number value) {
+    std::array<char, 32> digits;
+    const auto [end, error] = std::to_chars(digits.data(), digits.data() + digits.size(), value);
+    text.append(" ").append(digits.data(), end);
+}
+
+std::string header(const ChartLayout& layout, MeasurementCondition condition) {
+    std::string text = "CGATS.17\n";
+    appendKeyword(text, "ORIGINATOR", layout.originator);
+    appendKeyword(text, "DESCRIPTOR", layout.descriptor);
+    appendKeyword(text, "ILLUMINATION_NAME", "D50");
+    appendKeyword(text, "OBSERVER_ANGLE", "2");
+    appendKeyword(text, "KEYWORD", "MEASUREMENT_CONDITION");
+    appendKeyword(text, "MEASUREMENT_CONDITION", condition == MeasurementCondition::M0 ? "M0" : "M2");
+    appendKeyword(text, "KEYWORD", "SPOT_INDEX");
+    text += "NUMBER_OF_FIELDS " + std::to_string(7 + kBands) + "\nBEGIN_DATA_FORMAT\n";
+    text += "SAMPLE_ID ROW COLUMN SPOT_INDEX LAB_L LAB_A LAB_B";
+    for (std::size_t band = 0; band < kBands; ++band) {
+        text += " SPECTRAL_NM" + std::to_string(380 + 10 * band);
+    }
+    return text + "\nEND_DATA_FORMAT\n";
+}
+
+void appendReading(std::string& text, const Reading& reading, const Patch* patch) {
+    appendQuoted(text, patch != nullptr ? std::string_view(patch->sampleId) : std::string_view());
+    appendNumber(text, reading.row);
+    appendNumber(text, reading.column);
+    appendNumber(text, reading.spotIndex);
+    for (const float value : reading.lab) {
+        appendNumber(text, value);
+    }
+    for (const float value : reading.spectrum) {
+        appendNumber(text, value);
+    }
+    text += '\n';
+}
+
+} // namespace
+
+MeasurementFile::MeasurementFile(std::string path, const ChartLayout& layout, MeasurementCondition condition)
+    : mPath(std::move(path)),
+      mLayout(layout),
+      mDescriptor(::open(mPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {
+    if (mDescriptor < 0) {
+        throw CgatsError(mPath, 0, std::string("cannot be written: ") + std::strerror(errno));
+    }
+    // The destructor does not run when the constructor throws.
+    try {
+        std::string text = header(layout, condition);
+        mCountOffset = text.size();
+        text += countLine();
+        text += "BEGIN_DATA\n";
+        mTailOffset = text.size();
+        text += kTail;
+        write(text, 0);
+    } catch (...) {
+        ::close(mDescriptor);
+        throw;
+    }
+}
+
+MeasurementFile::~MeasurementFile() {
+    ::close(mDescriptor);
+}
+
+std::string MeasurementFile::countLine() const {
+    std::string count = std::to_string(mCount);
+    count.resize(std::max(count.size(), kCountWidth), ' ');
+    return "NUMBER_OF_SETS " + count + "\n";
+}
+
+void MeasurementFile::add(std::span<const Reading> readings) {
+    std::string text;
+    for (const Reading& reading : readings) {
+        appendReading(text, reading, mLayout.patchAt(reading.row, reading.column));
+    }
+    const std::size_t added = text.size();
+    text += kTail;
+    try {
+        write(text, mTailOffset);
+        mCount += readings.size();
+        mTailOffset += added;
+        write(countLine(), mCountOffset);
+    } catch (const CgatsError&) {
+        // The old tail still fits where it was. Nothing more can be done for a file that does not take even
+        // that.
+        if (mTailOffset + kTail.size() > 0 &&
+            ::pwrite(mDescriptor, kTail.data(), kTail.size(), static_cast<off_t>(mTailOffset)) > 0) {
+            [[maybe_unused]] const int result =
+                ::ftruncate(mDescriptor, static_cast<off_t>(mTailOffset + kTail.size()));
+        }
+        throw;
+    }
+}
+
+void MeasurementFile::write(std::string_view text, std::size_t offset) {
+    while (!text.empty()) {
+        const ssize_t written = ::pwrite(mDescriptor, text.data(), text.size(), static_cast<off_t>(offset));
+        if (written < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            throw CgatsError(mPath, 0, std::string("cannot be written: ") + std::strerror(errno));
+        }
+        text.remove_prefix(static_cast<std::size_t>(written));
+        offset += static_cast<std::size_t>(written);
+    }
+}
+
+Measurements parseMeasurements(std::string_view text, const std::string& name) {
+    CgatsReader reader(text, name);
+    Measurements result;
+    const CgatsReader::Keyword& condition = reader.required("MEASUREMENT_CONDITION");
+    if (condition.value != "M0" && condition.value != "M2") {
+        reader.fail(condition.line, "MEASUREMENT_CONDITION must be M0 or M2");
+    }
+    result.condition = condition.value == "M0" ? MeasurementCondition::M0 : MeasurementCondition::M2;
+
+    const std::size_t idField = reader.field("SAMPLE_ID");
+    const std::size_t rowField = reader.field("ROW");
+    const std::size_t columnField = reader.field("COLUMN");
+    const std::size_t spotField = reader.field("SPOT_INDEX");
+    const std::array<std::size_t, 3> labFields{reader.field("LAB_L"), reader.field("LAB_A"),
+                                               reader.field("LAB_B")};
+    const std::array<std::size_t, kBands> bandFields = reader.spectralFields();
+    while (const std::vector<std::string>* set = reader.nextSet()) {
+        Reading& reading = result.readings.emplace_back();
+        reading.sampleId = (*set)[idField];
+        reading.row = reader.integerField((*set)[rowField]);
+        reading.column = reader.integerField((*set)[columnField]);
+        reading.spotIndex = reader.integerField((*set)[spotField]);
+        for (std::size_t i = 0; i < labFields.size(); ++i) {
+            reading.lab[i] = reader.singleNumber((*set)[labFields[i]]);
+        }
+        for (std::size_t band = 0; band < kBands; ++band) {
+            reading.spectrum[band] = reader.singleNumber((*set)[bandFields[band]]);
+        }
+    }
+    return result;
+}
+
+Measurements readMeasurements(const std::string& path) {
+    return parseMeasurements(readWholeFile(path), path);
+}
+
+} // namespace Color

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "VirtualInstrument.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+namespace TaviSDK {
+
+// Keeps the call hook and asks it before every call. Any thread.
+class CallGuard {
+public:
+    static CallGuard& instance();
+
+    bool isSet() const { return mIsSet.load(std::memory_order_acquire); }
+    std::optional<int> ask(const Call& call);
+    // See setCallHook().
+    void set(CallHook hook);
+
+private:
+    CallGuard() = default;
+    ~CallGuard() = delete;
+
+    std::atomic<bool> mIsSet{false}; // spares calls without a hook the mutex
+    std::mutex mMutex;               // guards everything below
+    std::condition_variable mReturned;
+    std::shared_ptr<const CallHook> mHook;
+    int mRunning = 0; // calls of hooks, the one that is set or one before
+};
+
+} // namespace TaviSDK

@@ -1,0 +1,192 @@
+#include "Follower.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+
+namespace TaviSDK {
+
+namespace {
+
+constexpr int kLookAgainMilliseconds = 500;
+
+} // namespace
+
+// The watch on the file's folder, or the memory of what the file looked like where there is no watch.
+class Follower::Watch {
+public:
+    Watch() : mDescriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
+    ~Watch() {
+        if (mDescriptor >= 0) {
+            ::close(mDescriptor);
+        }
+    }
+    Watch(const Watch&) = delete;
+    Watch& operator=(const Watch&) = delete;
+
+    int descriptor() const { return mDescriptor; }
+    bool isWatching() const { return mFolderWatch >= 0; }
+
+    // Sees to it that the file's folder is watched. True when the file may have changed unseen until now.
+    bool aim(const std::string& path) {
+        if (path != mPath) {
+            drop();
+            mPath = path;
+            mStamp = Stamp{};
+        }
+        if (mPath.empty() || isWatching()) {
+            return false;
+        }
+        const std::filesystem::path folder = std::filesystem::path(mPath).parent_path();
+        mFolderWatch = ::inotify_add_watch(mDescriptor, folder.empty() ? "." : folder.c_str(),
+                                           IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE |
+                                               IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR);
+        return isWatching() || looksDifferent();
+    }
+
+    // Takes what the watch reports; true when it concerns the file.
+    bool read() {
+        const std::string name = std::filesystem::path(mPath).filename();
+        bool concerns = false;
+        alignas(inotify_event) std::array<char, 4096> block;
+        for (;;) {
+            const ssize_t got = ::read(mDescriptor, block.data(), block.size());
+            if (got <= 0) {
+                return concerns;
+            }
+            for (ssize_t at = 0; at < got;) {
+                inotify_event event;
+                std::memcpy(&event, block.data() + at, sizeof event);
+                const char* eventName = event.len > 0 ? block.data() + at + sizeof event : "";
+                at += static_cast<ssize_t>(sizeof event + event.len);
+                concerns = concerns || (event.mask & IN_Q_OVERFLOW) != 0 || name == eventName;
+                if (event.wd == mFolderWatch &&
+                    (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) != 0) {
+                    drop();
+                    concerns = true;
+                }
+            }
+        }
+    }
+
+private:
+    struct Stamp {
+        unsigned long long identity = 0;
+        long long size = -1;
+        long long seconds = 0;
+        long long nanoseconds = 0;
+        bool operator==(const Stamp&) const = default;
+    };
+
+    void drop() {
+        if (mFolderWatch >= 0) {
+            ::inotify_rm_watch(mDescriptor, mFolderWatch);
+            mFolderWatch = -1;
+        }
+    }
+
+    bool looksDifferent() {
+        Stamp stamp;
+        struct stat status {};
+        if (::stat(mPath.c_str(), &status) == 0) {
+            stamp = {status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+        }
+        const bool isDifferent = !(stamp == mStamp);
+        mStamp = stamp;
+        return isDifferent;
+    }
+
+    int mDescriptor;
+    int mFolderWatch = -1;
+    std::string mPath;
+    Stamp mStamp;
+};
+
+Follower::Follower(std::function<void(const std::string&)> fileChanged, std::function<void()> woken)
+    : mFileChanged(std::move(fileChanged)),
+      mWoken(std::move(woken)),
+      mWakeDescriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+
+void Follower::follow(const std::string& path) {
+    {
+        const std::lock_guard lock(mMutex);
+        mPath = path;
+    }
+    wake();
+}
+
+std::string Follower::path() {
+    const std::lock_guard lock(mMutex);
+    return mPath;
+}
+
+void Follower::start() {
+    const std::lock_guard lock(mMutex);
+    if (mIsRunning || mIsStopping) {
+        return;
+    }
+    // Signals are for the process's own threads.
+    sigset_t all;
+    sigset_t before;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    std::thread thread([this] { run(); });
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    mThread = thread.get_id();
+    mIsRunning = true;
+    thread.detach();
+}
+
+void Follower::wake() {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = ::write(mWakeDescriptor, &one, sizeof one);
+}
+
+void Follower::stop() {
+    std::unique_lock lock(mMutex);
+    mIsStopping = true;
+    wake();
+    if (mThread != std::this_thread::get_id()) {
+        mEndedCondition.wait_for(lock, std::chrono::seconds(1), [this] { return !mIsRunning; });
+    }
+}
+
+void Follower::run() {
+    Watch watch;
+    for (;;) {
+        bool mayHaveChanged = watch.aim(path());
+        std::array<pollfd, 2> sources{pollfd{mWakeDescriptor, POLLIN, 0},
+                                      pollfd{watch.descriptor(), POLLIN, 0}};
+        if (!mayHaveChanged) {
+            const bool mustLook = !watch.isWatching() && !path().empty();
+            ::poll(sources.data(), sources.size(), mustLook ? kLookAgainMilliseconds : -1);
+            std::uint64_t wakes = 0;
+            [[maybe_unused]] const ssize_t got = ::read(mWakeDescriptor, &wakes, sizeof wakes);
+            mayHaveChanged = watch.read();
+        }
+        {
+            const std::lock_guard lock(mMutex);
+            if (mIsStopping) {
+                mIsRunning = false;
+                mEndedCondition.notify_all();
+                return;
+            }
+        }
+        if (mayHaveChanged) {
+            mFileChanged(path());
+        }
+        mWoken();
+    }
+}
+
+} // namespace TaviSDK

@@ -1,0 +1,161 @@
+#include "SimulationStore.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cmath>
+#include <stdexcept>
+#include <utility>
+
+namespace TaviSDK {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
+// No wait is longer: what is left of it is waited for again.
+constexpr double kLongestWait = 3600.0;
+
+Clock::time_point after(double seconds) {
+    return Clock::now() +
+           std::chrono::duration_cast<Clock::duration>(Seconds(std::min(seconds, kLongestWait)));
+}
+
+// Settings that make no sense become harmless ones.
+std::string repair(Simulation& simulation) {
+    std::string problems;
+    if (!std::isfinite(simulation.timeScale) || simulation.timeScale < 0.0) {
+        simulation.timeScale = 1.0;
+        problems += "TimeScale must be 0 or more. ";
+    }
+    if (!std::isfinite(simulation.noise) || simulation.noise < 0.0) {
+        simulation.noise = 0.0;
+        problems += "Noise must be 0 or more. ";
+    }
+    return problems;
+}
+
+} // namespace
+
+SimulationStore::ChartFile SimulationStore::look(const std::string& path) {
+    struct stat status {};
+    ChartFile file;
+    file.path = path;
+    if (!path.empty() && ::stat(path.c_str(), &status) == 0) {
+        file.size = status.st_size;
+        file.changed = status.st_mtim.tv_sec * 1'000'000'000LL + status.st_mtim.tv_nsec;
+        file.identity = status.st_ino;
+    }
+    return file;
+}
+
+std::string SimulationStore::load(const std::string& path) {
+    const ChartFile file = look(path);
+    if (file == mChartFile) {
+        return mChartProblem;
+    }
+    mChartFile = file;
+    mChartProblem.clear();
+    mChart = std::make_shared<VirtualChart>();
+    if (!path.empty()) {
+        try {
+            mChart = std::make_shared<VirtualChart>(Color::readChartLayout(path));
+        } catch (const Color::CgatsError& error) {
+            mChartProblem = error.what();
+        }
+    }
+    return mChartProblem;
+}
+
+std::string SimulationStore::armFault(const std::string& setting, std::optional<Fault>& fault) const {
+    if (setting.empty()) {
+        return {};
+    }
+    try {
+        fault = parseFault(setting);
+        return {};
+    } catch (const std::invalid_argument& error) {
+        return "The fault \"" + setting + "\" makes no sense: " + error.what() + ".";
+    }
+}
+
+SimulationStore::Applied SimulationStore::apply(const Simulation& simulation) {
+    const std::lock_guard applying(mApplyMutex);
+    auto next = std::make_shared<State>();
+    next->simulation = simulation;
+    Applied applied;
+    applied.problems = repair(next->simulation);
+    applied.problems += load(simulation.chart);
+    next->chart = mChart;
+
+    const std::lock_guard lock(mMutex);
+    const Simulation& before = mState->simulation;
+    applied.presses = std::max(0L, simulation.presses - before.presses);
+    next->tableLosses = mState->tableLosses + (before.table && !simulation.table ? 1 : 0);
+    next->spectrophotometerLosses = mState->spectrophotometerLosses +
+                                    (mState->hasSpectrophotometer() && !next->hasSpectrophotometer() ? 1 : 0);
+    if (simulation.fault != before.fault) {
+        mFault.reset();
+        applied.problems += armFault(simulation.fault, mFault);
+        mHasFault = mFault.has_value();
+        ++mFaultSerial;
+    }
+    if (!applied.problems.empty()) {
+        mLastError = applied.problems;
+    }
+    mState = std::move(next);
+    mChanged.notify_all();
+    return applied;
+}
+
+std::shared_ptr<const SimulationStore::State> SimulationStore::state() const {
+    const std::lock_guard lock(mMutex);
+    return mState;
+}
+
+void SimulationStore::pass(double seconds) {
+    std::unique_lock lock(mMutex);
+    while (seconds > 0.0) {
+        const std::shared_ptr<const State> state = mState;
+        const double scale = state->simulation.timeScale;
+        if (scale <= 0.0 || !state->simulation.table) {
+            return;
+        }
+        const Clock::time_point begin = Clock::now();
+        mChanged.wait_until(lock, after(seconds * scale), [&] { return mState != state; });
+        seconds -= Seconds(Clock::now() - begin).count() / scale;
+    }
+}
+
+std::optional<Fault> SimulationStore::strike(std::string_view call) {
+    if (!mHasFault) {
+        return std::nullopt;
+    }
+    const std::lock_guard lock(mMutex);
+    if (!mFault || mFault->call != call || --mFault->occurrence > 0) {
+        return std::nullopt;
+    }
+    mHasFault = false;
+    return std::exchange(mFault, std::nullopt);
+}
+
+void SimulationStore::hang(double seconds) {
+    std::unique_lock lock(mMutex);
+    const unsigned long serial = mFaultSerial;
+    const Clock::time_point end =
+        Clock::now() + std::chrono::duration_cast<Clock::duration>(Seconds(seconds));
+    mChanged.wait_until(lock, end, [&] { return mFaultSerial != serial; });
+}
+
+std::string SimulationStore::lastError() const {
+    const std::lock_guard lock(mMutex);
+    return mLastError;
+}
+
+void SimulationStore::setLastError(std::string text) {
+    const std::lock_guard lock(mMutex);
+    mLastError = std::move(text);
+}
+
+} // namespace TaviSDK

@@ -1,0 +1,85 @@
+#pragma once
+
+#include "Faults.h"
+#include "VirtualChart.h"
+#include "VirtualInstrument.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace TaviSDK {
+
+// The simulation's settings, and what follows from them at once: the chart that is loaded, the fault that is
+// armed, how long the instrument's seconds take, and the text of the last failure.
+//
+// Settings may be replaced by any thread at any moment, a thread that lets time pass included: it goes on at
+// the new time scale. Everything here may be called from any thread.
+class SimulationStore {
+public:
+    // The settings as they are at one moment, never changed afterwards.
+    struct State {
+        Simulation simulation;
+        std::shared_ptr<const VirtualChart> chart = std::make_shared<VirtualChart>();
+        // How often table and spectrophotometer have gone so far, so that nobody misses that one went and
+        // came back.
+        unsigned long tableLosses = 0;
+        unsigned long spectrophotometerLosses = 0;
+
+        bool hasSpectrophotometer() const { return simulation.table && simulation.spectrophotometer; }
+    };
+
+    struct Applied {
+        std::string problems; // "" or what was wrong with the settings; it is the last error, too
+        long presses = 0;     // how often the button was pressed since the settings before
+    };
+
+    // The chart is loaded when its name or its file has changed.
+    Applied apply(const Simulation& simulation);
+    std::shared_ptr<const State> state() const;
+
+    // Lets seconds of the instrument's time pass; ends at once when no table answers any more.
+    void pass(double seconds);
+
+    // Counts this call; the fault when it strikes now. A fault strikes once.
+    std::optional<Fault> strike(std::string_view call);
+    // Holds the caller for seconds of real time, or until the fault setting changes.
+    void hang(double seconds);
+
+    std::string lastError() const;
+    void setLastError(std::string text);
+
+private:
+    // A chart's file as it was when it was loaded.
+    struct ChartFile {
+        std::string path;
+        long long size = -1;
+        long long changed = 0; // nanoseconds
+        unsigned long long identity = 0;
+        bool operator==(const ChartFile&) const = default;
+    };
+    static ChartFile look(const std::string& path);
+    std::string load(const std::string& path);
+    std::string armFault(const std::string& setting, std::optional<Fault>& fault) const;
+
+    std::mutex mApplyMutex; // one change of the settings at a time; guards the two chart members
+    ChartFile mChartFile;
+    std::shared_ptr<const VirtualChart> mChart = std::make_shared<VirtualChart>();
+    std::string mChartProblem;
+
+    mutable std::mutex mMutex; // guards everything below
+    std::condition_variable mChanged;
+    std::shared_ptr<const State> mState = std::make_shared<State>();
+    std::optional<Fault> mFault;
+    unsigned long mFaultSerial = 0; // counts changes of the fault setting
+    std::string mLastError;
+
+    std::atomic<bool> mHasFault{false}; // spares calls without a fault the mutex
+};
+
+} // namespace TaviSDK

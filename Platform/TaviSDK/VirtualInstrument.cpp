@@ -1,0 +1,78 @@
+#include "VirtualInstrument.h"
+
+#include "CallGuard.h"
+#include "Instrument.h"
+
+namespace TaviSDK {
+
+namespace {
+
+// How many hooks are on this thread's stack: a hook that replaces the hook must not wait for itself.
+thread_local int hooksOnStack = 0;
+
+} // namespace
+
+CallGuard& CallGuard::instance() {
+    static CallGuard* const guard = new CallGuard;
+    return *guard;
+}
+
+std::optional<int> CallGuard::ask(const Call& call) {
+    std::shared_ptr<const CallHook> hook;
+    {
+        const std::lock_guard lock(mMutex);
+        hook = mHook;
+        if (!hook) {
+            return std::nullopt;
+        }
+        ++mRunning;
+    }
+    struct Return {
+        CallGuard& guard;
+        std::shared_ptr<const CallHook>& hook;
+        ~Return() {
+            --hooksOnStack;
+            const std::lock_guard lock(guard.mMutex);
+            // Dropped here, so that whoever set another hook knows this one and what it holds to be gone.
+            hook.reset();
+            --guard.mRunning;
+            guard.mReturned.notify_all();
+        }
+    };
+    ++hooksOnStack;
+    const Return onReturn{*this, hook};
+    return (*hook)(call);
+}
+
+void CallGuard::set(CallHook hook) {
+    std::shared_ptr<const CallHook> next;
+    if (hook) {
+        next = std::make_shared<const CallHook>(std::move(hook));
+    }
+    std::unique_lock lock(mMutex);
+    mIsSet = next != nullptr;
+    mHook.swap(next);
+    if (hooksOnStack == 0) {
+        mReturned.wait(lock, [this] { return mRunning == 0; });
+    }
+    // The old hook is destroyed without the lock: it may hold anything.
+    lock.unlock();
+}
+
+std::string setSimulation(const Simulation& simulation) {
+    return Instrument::instance().setSimulation(simulation);
+}
+
+Simulation simulation() {
+    return Instrument::instance().simulation().state()->simulation;
+}
+
+void powerCycle() {
+    Instrument::instance().powerCycle();
+}
+
+void setCallHook(CallHook hook) {
+    CallGuard::instance().set(std::move(hook));
+}
+
+} // namespace TaviSDK

@@ -1,0 +1,4 @@
+#include <Color/Cgats.h>
+
+#include <gtest/gtest.h>
+TEST(A, B) {}
