@@ -1,0 +1,168 @@
+// The exact calls that the driver makes of the SDK, in order.
+
+#include "DriverBench.h"
+
+#include <gmock/gmock.h>
+
+namespace test {
+namespace {
+
+using ::testing::ElementsAreArray;
+using Calls = std::vector<std::string>;
+
+Calls operator+(Calls left, const Calls& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+Calls operator*(const Calls& calls, int times) {
+    Calls repeated;
+    for (int time = 0; time < times; ++time)
+        repeated = repeated + calls;
+    return repeated;
+}
+
+const Calls kPark{"Tavi_SetOption TaviTHoldPosition=no", "Tavi_GoToHomePosition",
+                  "Tavi_SetOption TaviTHoldPosition=no"};
+const Calls kBegin{"Tavi_SetOption TaviTHoldPosition=no", "Tavi_SetOption TaviTIsVisorCoordinate=no"};
+const Calls kColorimetry{"Tavi_SetOption ColorSpaceDescription.Type=CIELab",
+                         "Tavi_SetOption Colorimetric.Illumination=D50",
+                         "Tavi_SetOption Colorimetric.Observer=TwoDegree"};
+
+Calls timing(const std::string& speed, const std::string& delay) {
+    return {"Tavi_GetOption IntegrationTime", "Tavi_SetOption TaviTScanSpeed=" + speed,
+            "Tavi_SetOption TaviTScanDelay=" + delay};
+}
+
+Calls recognition(bool low) {
+    return {"Tavi_SetOption Recognition=yes",
+            std::string("Tavi_SetOption RECOGNITION_EDGE_LIMIT_FACTOR=") + (low ? "1.5" : "0.6"),
+            std::string("Tavi_SetOption RECOGNITION_LOWEST_LIMIT=") + (low ? "2.0" : "0.2")};
+}
+
+Calls strip(const std::string& speed, bool low, const std::string& path) {
+    return Calls{"Tavi_SetOption TaviTScanSpeed=" + speed} + recognition(low) +
+           Calls{"Tavi_Scan " + path, "Tavi_GetNumberOfAvailableSamples"};
+}
+
+Calls sample(int index) {
+    const std::string number = std::to_string(index);
+    return Calls{"Tavi_GetSpectrum " + number} + kColorimetry + Calls{"Tavi_GetTriStimulus " + number};
+}
+
+Calls spot(const std::string& position) {
+    return Calls{"Tavi_SetPosition " + position, "Tavi_TriggerMeasurement",
+                 "Tavi_GetNumberOfAvailableSamples"} +
+           sample(0);
+}
+
+const Calls kFormat{"Tavi_GetOption PhysicalFilter"};
+const Calls kToSpots{"Tavi_SetOption MeasurementMode=SingleReflectance"};
+const Calls kToStrips{"Tavi_SetOption MeasurementMode=ScanningReflectance"};
+
+class Sequence : public DriverBench {
+protected:
+    void SetUp() override { makeReady(); }
+};
+
+TEST_F(Sequence, StripRow) {
+    const ChartOnTable chart{.rows = 1, .columns = 3};
+    place(chart);
+    ASSERT_EQ(measure(chart).size(), 1U);
+    EXPECT_THAT(calls.take(),
+                ElementsAreArray(kBegin + timing("493", "200") + strip("493", false, "40,30,60,30") +
+                                 sample(0) + sample(1) + sample(2) + kFormat + kPark));
+}
+
+TEST_F(Sequence, SecondRowRunsBackwards) {
+    const ChartOnTable chart{.rows = 2, .columns = 2};
+    place(chart);
+    ASSERT_EQ(measure(chart).size(), 2U);
+    EXPECT_THAT(calls.take(),
+                ElementsAreArray(kBegin + timing("493", "200") + strip("493", false, "40,30,50,30") +
+                                 sample(0) + sample(1) + kFormat + timing("493", "200") +
+                                 strip("493", false, "50,40,40,40") + sample(0) + sample(1) + kFormat +
+                                 kPark));
+}
+
+TEST_F(Sequence, SpotRowAfterFourStrips) {
+    const ChartOnTable chart{.rows = 1, .columns = 2};
+    place(chart);
+    calls.interfere([](int, const TaviSDK::Call& call) -> std::optional<int> {
+        return call.name == "Tavi_GetNumberOfAvailableSamples" && TaviSDK::simulation().noise == 0 &&
+                       std::string(Tavi_GetOption("MeasurementMode")) == "ScanningReflectance"
+                   ? std::optional<int>(1)
+                   : std::nullopt;
+    });
+    ASSERT_EQ(measure(chart).size(), 1U);
+    Calls seen = calls.take();
+    std::erase(seen, "Tavi_GetOption MeasurementMode"); // the interference's own
+    EXPECT_THAT(seen,
+                ElementsAreArray(kBegin + timing("493", "200") + strip("493", false, "40,30,50,30") +
+                                 strip("493", true, "50,30,40,30") + strip("455", false, "40,30,50,30") +
+                                 strip("455", true, "50,30,40,30") + kToSpots + spot("40,30") +
+                                 spot("50,30") + kFormat + kPark));
+}
+
+TEST_F(Sequence, EveryPatchBySpotsWhereAskedFor) {
+    const ChartOnTable chart{.rows = 2, .columns = 1, .pitchY = 12};
+    place(chart);
+    ASSERT_EQ(measure(chart, {{"SpotMeasureCount", "2"}}).size(), 2U);
+    const Calls row = timing("644", "200") + kToSpots;
+    EXPECT_THAT(calls.take(),
+                ElementsAreArray(kBegin + row + spot("40,30") + spot("38,32") + kFormat + kToStrips + row +
+                                 spot("40,42") + spot("38,44") + kFormat + kPark));
+}
+
+TEST_F(Sequence, FailedRow) {
+    const ChartOnTable chart{.rows = 3, .columns = 2};
+    place(chart);
+    calls.interfere([](int, const TaviSDK::Call& call) -> std::optional<int> {
+        return call.name == "Tavi_TriggerMeasurement" ? std::optional<int>(8) : std::nullopt;
+    });
+    const std::vector<Post> answers = measure(chart, {{"SpotMeasureCount", "1"}});
+    ASSERT_EQ(answers.size(), 1U);
+    EXPECT_EQ(answers[0].code, 25) << "no sample: a wrong number of them";
+    EXPECT_FALSE(answers[0].hasMeasurements);
+    EXPECT_THAT(calls.take(), ElementsAreArray(kBegin + timing("493", "200") + kToSpots +
+                                               Calls{"Tavi_SetPosition 40,30", "Tavi_TriggerMeasurement",
+                                                     "Tavi_GetOption LastError"} +
+                                               kToStrips + kPark + Calls{"Tavi_GetOption LastError"}));
+}
+
+TEST_F(Sequence, CancelledRow) {
+    const ChartOnTable chart{.rows = 3, .columns = 2};
+    place(chart);
+    calls.interfere([this](int, const TaviSDK::Call& call) -> std::optional<int> {
+        if (call.name == "Tavi_Scan")
+            driver->setIsCancelled(true);
+        return std::nullopt;
+    });
+    const std::vector<Post> answers = measure(chart);
+    ASSERT_EQ(answers.size(), 1U);
+    EXPECT_EQ(answers[0].code, -1023);
+    EXPECT_EQ(answers[0].message, "Measure Cancelled");
+    EXPECT_THAT(calls.take(),
+                ElementsAreArray(kBegin + timing("493", "200") + strip("493", false, "40,30,50,30") +
+                                 sample(0) + sample(1) + kPark));
+}
+
+TEST_F(Sequence, Calibration) {
+    ASSERT_EQ(ask("SetMode", {{"Mode", "SingleReflectance"}}).code, 0);
+    calls.take();
+    ASSERT_EQ(ask("Calibrate").code, 0);
+    const Calls hold{"Tavi_SetOption TaviTHoldPosition=no"};
+    EXPECT_THAT(calls.take(),
+                ElementsAreArray(Calls{"Tavi_GetOption TaviTTaviSerialNumber", "Tavi_GoToHomePosition"} +
+                                 hold + kToStrips +
+                                 Calls{"Tavi_SetOption Recognition=yes", "Tavi_SetOption TaviTMoveSpeed=400",
+                                       "Tavi_SetOption TaviTHoldPosition=no",
+                                       "Tavi_SetOption TaviTIsVisorCoordinate=no", "Tavi_Calibrate"} +
+                                 hold + hold + kToSpots + hold +
+                                 Calls{"Tavi_SetOption TaviTIsVisorCoordinate=yes",
+                                       "Tavi_SetPosition 100,150", "Tavi_SetPosition 280,150"} +
+                                 hold));
+}
+
+} // namespace
+} // namespace test
