@@ -201,7 +201,7 @@ void CgatsReader::readFormat() {
     }
     const int begin = mLine;
     for (;;) {
-        if (!nextLine()) {
+        if (!nextLine() || mTokens[0] == "BEGIN_DATA") {
             fail(begin, "BEGIN_DATA_FORMAT has no END_DATA_FORMAT");
         }
         if (mTokens[0] == "END_DATA_FORMAT") {

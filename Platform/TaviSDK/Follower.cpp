@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 
 namespace TaviSDK {
 
@@ -42,7 +43,7 @@ public:
         if (path != mPath) {
             drop();
             mPath = path;
-            mStamp = Stamp{};
+            mStamp.reset();
         }
         if (mPath.empty() || isWatching()) {
             return false;
@@ -101,7 +102,7 @@ private:
         if (::stat(mPath.c_str(), &status) == 0) {
             stamp = {status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
         }
-        const bool isDifferent = !(stamp == mStamp);
+        const bool isDifferent = mStamp != stamp;
         mStamp = stamp;
         return isDifferent;
     }
@@ -109,7 +110,7 @@ private:
     int mDescriptor;
     int mFolderWatch = -1;
     std::string mPath;
-    Stamp mStamp;
+    std::optional<Stamp> mStamp; // none before the first look
 };
 
 Follower::Follower(std::function<void(const std::string&)> fileChanged, std::function<void()> woken)

@@ -1,4 +1,264 @@
 #include <Color/Cgats.h>
 
 #include <gtest/gtest.h>
-TEST(A, B) {}
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <random>
+#include <sstream>
+
+namespace {
+
+using Color::CgatsError;
+using Color::ChartLayout;
+using Color::MeasurementCondition;
+using Color::Reading;
+
+std::string bandNames() {
+    std::string names;
+    for (int wavelength = 380; wavelength <= 730; wavelength += 10) {
+        names += " SPECTRAL_NM" + std::to_string(wavelength);
+    }
+    return names;
+}
+
+std::string spectrum(const std::string& value) {
+    std::string text;
+    for (std::size_t i = 0; i < Color::kBands; ++i) {
+        text += " " + value;
+    }
+    return text;
+}
+
+// A chart of two rows and three columns whose last row holds the two rightmost patches.
+std::string smallChart() {
+    return "CGATS.17\n"
+           "CHART_ROWS \"2\"\n"
+           "CHART_COLUMNS 3\n"
+           "CHART_LAST_ROW_COLUMNS \"2\"\n"
+           "CHART_TOP_LEFT \"10 20\"\n"
+           "CHART_BOTTOM_LEFT \"10 30.5\"\n"
+           "CHART_BOTTOM_RIGHT \"30 30.5\"\n"
+           "BEGIN_DATA_FORMAT\nSAMPLE_ID ROW COLUMN" +
+           bandNames() +
+           "\nEND_DATA_FORMAT\nNUMBER_OF_SETS 5\nBEGIN_DATA\n"
+           "a 0 0" +
+           spectrum("0.1") + "\nb 0 1" + spectrum("0.2") + "\nc 0 2" + spectrum("0.3") + "\nd 1 1" +
+           spectrum("0.4") + "\ne 1 2" + spectrum("0.5") + "\nEND_DATA\n";
+}
+
+std::string replaced(std::string text, const std::string& what, const std::string& by) {
+    const std::size_t at = text.find(what);
+    EXPECT_NE(at, text.npos) << what;
+    return text.replace(at, what.size(), by);
+}
+
+class TemporaryFolder {
+public:
+    TemporaryFolder() {
+        std::string name = (std::filesystem::temp_directory_path() / "color-test-XXXXXX").string();
+        mPath = ::mkdtemp(name.data());
+    }
+    ~TemporaryFolder() { std::filesystem::remove_all(mPath); }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    std::string file(const std::string& name) const { return (mPath / name).string(); }
+
+private:
+    std::filesystem::path mPath;
+};
+
+TEST(ChartLayoutTest, shortLastRowHoldsTheRightmostColumns) {
+    const ChartLayout layout = Color::parseChartLayout(smallChart(), "small.txt");
+    EXPECT_EQ(layout.patches.size(), 5U);
+    EXPECT_EQ(layout.bottomLeft.y, 30.5);
+    EXPECT_EQ(layout.patchAt(0, 2)->sampleId, "c");
+    EXPECT_EQ(layout.patchAt(1, 0), nullptr);
+    EXPECT_EQ(layout.patchAt(1, 1)->sampleId, "d");
+    EXPECT_EQ(layout.patchAt(1, 2)->reflectance[35], 0.5);
+    EXPECT_EQ(layout.patchAt(1, 3), nullptr);
+    EXPECT_EQ(layout.patchAt(2, 1), nullptr);
+    EXPECT_EQ(layout.patchAt(-1, 0), nullptr);
+}
+
+TEST(ChartLayoutTest, readsWhatOtherProgramsWrite) {
+    // Fields in another order and more of them, comments, tabs, carriage returns, quotes, unknown keywords.
+    std::string text =
+        "\xEF\xBB\xBF# made elsewhere\r\nCGATS.17\r\n"
+        "KEYWORD \"NOBODY_KNOWS\"\r\nNOBODY_KNOWS \"a \"\"b\"\" # c\"\r\n"
+        "DESCRIPTOR \"one # patch\" # really\r\n"
+        "CHART_ROWS 1\r\nCHART_COLUMNS 1\r\nCHART_LAST_ROW_COLUMNS 0\r\n"
+        "CHART_TOP_LEFT \"1e1 +20\"\r\nCHART_BOTTOM_LEFT 10\t20\r\nCHART_BOTTOM_RIGHT \"10  20\"\r\n"
+        "NUMBER_OF_FIELDS 40\r\nNUMBER_OF_SETS 1\r\nBEGIN_DATA_FORMAT\r\nCOLUMN\tROW\r\nCMYK_C" +
+        bandNames() + " SAMPLE_ID\r\nEND_DATA_FORMAT\r\n\r\nBEGIN_DATA\r\n0\t0\t55" + spectrum("+.25") +
+        " \"say \"\"hi\"\" #1\"  # last\r\nEND_DATA\r\nBEGIN_DATA\r\nmore";
+    const ChartLayout layout = Color::parseChartLayout(text, "other.txt");
+    EXPECT_EQ(layout.descriptor, "one # patch");
+    EXPECT_EQ(layout.topLeft.x, 10.0);
+    EXPECT_EQ(layout.topLeft.y, 20.0);
+    EXPECT_EQ(layout.patchAt(0, 0)->sampleId, "say \"hi\" #1");
+    EXPECT_EQ(layout.patchAt(0, 0)->reflectance[0], 0.25);
+}
+
+struct Mistake {
+    const char* what;
+    const char* by;
+    int line;
+    const char* reason;
+};
+
+TEST(ChartLayoutTest, namesFileLineAndReasonOfWhatMakesNoSense) {
+    const Mistake mistakes[] = {
+        {"CGATS.17", "CTI3", 1, "no CGATS file"},
+        {"CHART_ROWS \"2\"\n", "", 0, "keyword CHART_ROWS is missing"},
+        {"CHART_ROWS \"2\"", "CHART_ROWS \"0\"", 2, "at least 1"},
+        {"CHART_COLUMNS 3", "CHART_COLUMNS -3", 3, "at least 1"},
+        {"CHART_COLUMNS 3", "CHART_COLUMNS three", 3, "no whole number"},
+        {"CHART_COLUMNS 3", "CHART_COLUMNS 3\nCHART_COLUMNS 4", 4, "twice"},
+        {"CHART_ROWS \"2\"", "CHART_ROWS \"2000000000\"", 11, "the grid has"},
+        {"LAST_ROW_COLUMNS \"2\"", "LAST_ROW_COLUMNS \"4\"", 4, "between 0 and"},
+        {"\"10 20\"", "\"10\"", 5, "two numbers"},
+        {"\"10 20\"", "\"10 inf\"", 5, "two finite numbers"},
+        {"\"10 20\"", "\"10 20", 5, "not closed"},
+        {"BOTTOM_RIGHT \"30 30.5\"", "BOTTOM_RIGHT \"10 50\"", 7, "one line"},
+        {"BOTTOM_RIGHT \"30 30.5\"", "BOTTOM_RIGHT \"10 30.5\"", 7, "one point"},
+        {"SETS 5", "SETS 6", 11, "5 patches"},
+        {"SAMPLE_ID", "SAMPLE_NAME", 0, "field SAMPLE_ID is missing"},
+        {"SPECTRAL_NM380", "ROW", 9, "given twice"},
+        {"\na 0 0", "\na 0", 13, "fields instead of"},
+        {"\na 0 0", "\na 0 3", 13, "no patch at row 0, column 3"},
+        {"\nd 1 1", "\nd 1 0", 16, "no patch at row 1, column 0"},
+        {"\nb 0 1", "\nb 0 0", 14, "second patch at row 0, column 0"},
+        {"\na 0 0 0.1", "\na 0 0 nan", 13, "no finite number"},
+        {"\na 0 0 0.1", "\na 0 0 0,1", 13, "no finite number"},
+        {"\na 0 0 0.1", "\na 0 0 1e999", 13, "no finite number"},
+        {"\na 0 0 0.1", "\na 0 0 1e30", 13, "no reflectance"},
+        {"END_DATA\n", "", 0, "without END_DATA"},
+        {"\nEND_DATA_FORMAT", "", 8, "no END_DATA_FORMAT"},
+        {"\ne 1 2", "\nEND_DATA\ne 1 2", 17, "there are 4 sets"},
+        {"\nEND_DATA\n", "\nf 1 2\nEND_DATA\n", 18, "fields instead of"},
+    };
+    for (const Mistake& mistake : mistakes) {
+        try {
+            std::string text = smallChart();
+            // The end of the data, not that of the format.
+            const std::string what = mistake.what;
+            if (what.ends_with("END_DATA\n")) {
+                text.replace(text.rfind(what), what.size(), mistake.by);
+            } else {
+                text = replaced(text, what, mistake.by);
+            }
+            Color::parseChartLayout(text, "bad.txt");
+            ADD_FAILURE() << "taken: " << mistake.by;
+        } catch (const CgatsError& error) {
+            EXPECT_EQ(error.file(), "bad.txt");
+            EXPECT_EQ(error.line(), mistake.line) << error.what();
+            EXPECT_NE(error.reason().find(mistake.reason), std::string::npos) << error.what();
+        }
+    }
+    EXPECT_THROW(Color::readChartLayout("/nonexistent/chart.txt"), CgatsError);
+    EXPECT_THROW(Color::readChartLayout("/"), CgatsError);
+    EXPECT_THROW(Color::parseChartLayout(std::string(100'000, 'x'), "long.txt"), CgatsError);
+}
+
+// Bytes that are wrong in any place give an error or a chart that is whole, never anything else.
+TEST(ChartLayoutTest, survivesDamage) {
+    const std::string good = smallChart();
+    std::mt19937 random(7);
+    int refused = 0;
+    for (int round = 0; round < 3000; ++round) {
+        std::string text = good;
+        for (unsigned change = random() % 4 + 1; change > 0; --change) {
+            const std::size_t at = random() % text.size();
+            switch (random() % 3) {
+            case 0:
+                text[at] = static_cast<char>(random());
+                break;
+            case 1:
+                text.erase(at, random() % 40);
+                break;
+            default:
+                text.insert(at, good.substr(random() % good.size(), random() % 60));
+            }
+        }
+        try {
+            const ChartLayout layout = Color::parseChartLayout(text, "damaged.txt");
+            for (int row = 0; row < layout.rows; ++row) {
+                for (int column = layout.firstColumn(row); column < layout.columns; ++column) {
+                    ASSERT_EQ(layout.patchAt(row, column)->column, column);
+                    ASSERT_EQ(layout.patchAt(row, column)->row, row);
+                }
+            }
+        } catch (const CgatsError&) {
+            ++refused;
+        }
+    }
+    EXPECT_GT(refused, 1000);
+}
+
+Reading reading(int row, int column, int spot, std::mt19937& random) {
+    Reading result;
+    result.row = row;
+    result.column = column;
+    result.spotIndex = spot;
+    // Any float there is, as long as it is finite.
+    const auto anyFloat = [&random] {
+        for (;;) {
+            const float value = std::bit_cast<float>(static_cast<std::uint32_t>(random()));
+            if (std::isfinite(value)) {
+                return value;
+            }
+        }
+    };
+    std::generate(result.lab.begin(), result.lab.end(), anyFloat);
+    std::generate(result.spectrum.begin(), result.spectrum.end(), anyFloat);
+    return result;
+}
+
+TEST(MeasurementFileTest, isWholeAfterEveryRowAndLosesNoBit) {
+    const TemporaryFolder folder;
+    ChartLayout layout = Color::parseChartLayout(smallChart(), "small.txt");
+    layout.patches[4].sampleId = "the \"last\" one";
+    std::mt19937 random(1);
+    Color::MeasurementFile file(folder.file("out.txt"), layout, MeasurementCondition::M2);
+    std::vector<Reading> written;
+    EXPECT_TRUE(Color::readMeasurements(folder.file("out.txt")).readings.empty());
+    for (int row = 0; row < 2; ++row) {
+        std::vector<Reading> line;
+        for (int column = layout.firstColumn(row); column < layout.columns; ++column) {
+            line.push_back(reading(row, column, 0, random));
+            line.push_back(reading(row, column, 1, random));
+        }
+        file.add(line);
+        written.insert(written.end(), line.begin(), line.end());
+
+        const Color::Measurements read = Color::readMeasurements(folder.file("out.txt"));
+        EXPECT_EQ(read.condition, MeasurementCondition::M2);
+        ASSERT_EQ(read.readings.size(), written.size());
+        for (std::size_t i = 0; i < written.size(); ++i) {
+            EXPECT_EQ(read.readings[i].sampleId, layout.patchAt(written[i].row, written[i].column)->sampleId);
+            EXPECT_EQ(read.readings[i].row, written[i].row);
+            EXPECT_EQ(read.readings[i].column, written[i].column);
+            EXPECT_EQ(read.readings[i].spotIndex, written[i].spotIndex);
+            EXPECT_EQ(read.readings[i].lab, written[i].lab);
+            EXPECT_EQ(read.readings[i].spectrum, written[i].spectrum);
+        }
+    }
+    EXPECT_EQ(file.count(), written.size());
+}
+
+TEST(MeasurementFileTest, reportsWhatCannotBeWritten) {
+    const TemporaryFolder folder;
+    const ChartLayout layout = Color::parseChartLayout(smallChart(), "small.txt");
+    EXPECT_THROW(Color::MeasurementFile(folder.file("no/such/out.txt"), layout, MeasurementCondition::M0),
+                 CgatsError);
+    EXPECT_THROW(Color::MeasurementFile("/dev/full", layout, MeasurementCondition::M0), CgatsError);
+}
+
+} // namespace
