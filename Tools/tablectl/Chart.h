@@ -1,0 +1,37 @@
+// Charts as the scan command sees them: layouts, the device command that measures one, and the rows that come
+// back.
+#pragma once
+
+#include "Device.h"
+
+#include <Color/Cgats.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tablectl {
+
+// Throws UsageFailure with file, line and reason.
+Color::ChartLayout readLayout(const std::string& path);
+
+int patchesInRow(const Color::ChartLayout& layout, int row);
+
+struct MeasureOptions {
+    std::optional<int> row;          // one row; else the whole chart
+    std::optional<int> spotReadings; // per patch; else strips
+};
+
+Command measureCommand(const Color::ChartLayout& layout, const MeasureOptions& options);
+
+// The readings of one row, in the order of their columns and spots.
+struct Row {
+    int row = 0;
+    Color::MeasurementCondition condition = Color::MeasurementCondition::M0;
+    std::vector<Color::Reading> readings;
+};
+
+// Throws DeviceFailure when the reply does not hold exactly the patches of one row of the chart.
+Row rowOf(const Reply& reply, const Color::ChartLayout& layout);
+
+} // namespace tablectl

@@ -1,0 +1,144 @@
+// Commands that only look: list, status, commands, get.
+#include "Context.h"
+#include "Errors.h"
+#include "Records.h"
+#include "Table.h"
+#include "Terminal.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+
+namespace tablectl {
+
+namespace {
+
+Json tableJson(const TextTable& table) {
+    Json json;
+    for (const auto& [key, value] : table)
+        json.add(key, value);
+    return json;
+}
+
+Json statusJson(const DeviceStatus& status) {
+    Json json = tableJson(status.fields());
+    return json.addRaw("Attributes", tableJson(status.attributes).text());
+}
+
+void list(Context& context) {
+    for (const DeviceStatus& status : discover(context)) {
+        if (context.output.isJson()) {
+            context.output.object(tableJson(status.fields()));
+            continue;
+        }
+        const std::string lock = status.lockHolder.empty() ? "" : ", locked by " + status.lockHolder;
+        context.output.line(status.path + "  " + status.displayName + "  " +
+                            (status.serialNumber.empty() ? "no spectrophotometer"
+                                                         : status.serialNumber + "  " + status.mode) +
+                            "  " + calibrationText(status.calibrationStatus) + lock);
+    }
+}
+
+std::vector<std::string> statusLines(const DeviceStatus& status) {
+    TextTable table = status.fields();
+    table.insert(table.end(), status.attributes.begin(), status.attributes.end());
+    std::size_t width = 0;
+    for (const auto& [key, value] : table)
+        width = std::max(width, key.size());
+    std::vector<std::string> lines;
+    for (const auto& [key, value] : table)
+        lines.push_back(key + ":" + std::string(width + 1 - key.size(), ' ') + value);
+    return lines;
+}
+
+void showStatus(Context& context, const DeviceStatus& status) {
+    if (context.output.isJson())
+        context.output.object(statusJson(status));
+    else
+        context.output.write(join(statusLines(status), "\n") + "\n");
+}
+
+// Until it is interrupted or the device goes: redrawn in place on a terminal, else one block after another.
+void watchStatus(Context& context, const Table& table) {
+    Repaint screen(context.output);
+    unsigned revision = 0;
+    for (;;) {
+        revision = context.session.revision(table.path());
+        const DeviceStatus status = table.status();
+        if (context.output.isJson() || !isTerminal(Stream::output))
+            showStatus(context, status);
+        else
+            screen.show(statusLines(status));
+        while (!context.session.waitForNewStatus(table.path(), revision, Session::Seconds(60)))
+            table.status(); // says when it is gone
+    }
+}
+
+void status(Context& context, bool watch) {
+    const Table table = Table::find(context);
+    if (watch)
+        watchStatus(context, table);
+    else
+        showStatus(context, table.refreshedStatus());
+}
+
+void commands(Context& context) {
+    const Table table = Table::find(context);
+    for (const auto& [name, arguments] : decodeCommandTable(table.call({"GetCommands", {}}).data)) {
+        if (context.output.isJson()) {
+            std::vector<std::string> quoted;
+            for (const std::string& argument : arguments)
+                quoted.push_back(Json::quote(argument));
+            context.output.object(
+                Json().add("command", name).addRaw("arguments", "[" + join(quoted, ",") + "]"));
+        } else {
+            context.output.line(arguments.empty() ? name : name + "  " + join(arguments, " "));
+        }
+    }
+}
+
+// An attribute of the record or, when there is none of that name, a field.
+std::string valueIn(const DeviceStatus& status, const std::string& key) {
+    const TextTable fields = status.fields();
+    for (const TextTable* table : {&status.attributes, &fields}) {
+        for (const auto& [name, value] : *table) {
+            if (name == key)
+                return value;
+        }
+    }
+    throw DeviceFailure("no such attribute: " + key);
+}
+
+// One value by itself, for scripts; several with their keys.
+void get(Context& context, const std::vector<std::string>& keys) {
+    const DeviceStatus status = Table::find(context).refreshedStatus();
+    TextTable values;
+    for (const std::string& key : keys)
+        values.emplace_back(key, valueIn(status, key));
+    if (context.output.isJson()) {
+        context.output.object(tableJson(values));
+        return;
+    }
+    for (const auto& [key, value] : values)
+        context.output.line(keys.size() == 1 ? value : key + "=" + value);
+}
+
+} // namespace
+
+void addInformationCommands(CLI::App& app, Action& chosen) {
+    addCommand(app, chosen, "list", "Lists the devices that are there", list);
+
+    static bool watch = false;
+    addCommand(app, chosen, "status", "Shows the device's record", [](Context& context) {
+        status(context, watch);
+    }).add_flag("--watch", watch, "Go on showing it as it changes");
+
+    addCommand(app, chosen, "commands", "Lists the commands that the device takes", commands);
+
+    static std::vector<std::string> keys;
+    addCommand(app, chosen, "get", "Prints attributes of the record",
+               [](Context& context) { get(context, keys); })
+        .add_option("KEY", keys, "Names of attributes or fields, as `status` shows them")
+        ->required();
+}
+
+} // namespace tablectl

@@ -1,0 +1,31 @@
+#include "PluginLog.h"
+
+#include <cstdlib>
+#include <iterator>
+
+namespace tablectl {
+
+PluginLog::PluginLog(const std::filesystem::path& file) : mStream(file, std::ios::binary) {
+    mStream.seekg(0, std::ios::end);
+}
+
+void PluginLog::update() {
+    mStream.clear(); // of the end of the file
+    mUnfinished.append(std::istreambuf_iterator<char>(mStream), {});
+    std::size_t begin = 0;
+    for (std::size_t end; (end = mUnfinished.find('\n', begin)) != std::string::npos; begin = end + 1)
+        take(mUnfinished.substr(begin, end - begin));
+    mUnfinished.erase(0, begin);
+}
+
+void PluginLog::take(const std::string& line) {
+    static const std::string kMeasuringRow = "advancedMeasure - measuring row ";
+    if (const std::size_t found = line.find(kMeasuringRow); found != std::string::npos)
+        mRow = std::atoi(line.c_str() + found + kMeasuringRow.size());
+    else if (line.find("trying to scan using spot") != std::string::npos)
+        mSpotRows.insert(mRow);
+    else if (line.find(" WARNING [") != std::string::npos || line.find(" ERROR [") != std::string::npos)
+        mWarnings.push_back(line);
+}
+
+} // namespace tablectl

@@ -1,0 +1,25 @@
+#pragma once
+
+#include "Chart.h"
+#include "Device.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tablectl {
+
+// What a report tells about.
+struct ReportContent {
+    const Color::ChartLayout& layout;
+    std::optional<DeviceStatus> device;
+    const std::vector<Row>& rows;
+    const std::vector<int>& spotRows;
+    const std::vector<std::string>& warnings;
+};
+
+// Writes a self-contained page: the chart as it lies on the table, measured beside reference, with colour
+// differences. Throws DeviceFailure when the file cannot be written.
+void writeReport(const std::string& file, const ReportContent& content);
+
+} // namespace tablectl

@@ -1,0 +1,62 @@
+#pragma once
+
+#include "Context.h"
+#include "Device.h"
+#include "Session.h"
+
+#include <string>
+
+namespace tablectl {
+
+// The device counts as measuring, and does not do what it was asked. It does for a moment after a
+// measurement's last row, too, so a command is tried again for a few seconds.
+bool isBusy(int code);
+constexpr Session::Seconds kBusyRetry{5};
+constexpr Session::Seconds kBusyPause{0.1};
+
+// Waits a moment for the plug-ins of the runtime folder to show themselves; with --simulated, until its table
+// has.
+std::vector<DeviceStatus> discover(Context& context);
+
+// The device that a command is for.
+class Table {
+public:
+    // Throws NoDevice when there is none, UsageFailure when there are several and none was named.
+    static Table find(Context& context);
+
+    const std::string& path() const { return mPath; }
+    Session& session() const { return mSession; }
+    DeviceStatus status() const; // throws DeviceFailure when the device is gone
+
+    // Sends the command and waits for its reply. A busy device is asked again for a few seconds. Throws
+    // DeviceFailure with the code and what it means when the device refuses.
+    Reply call(const Command& command) const;
+    Exchange send(const Command& command) const { return mSession.send(mPath, command); }
+    // Asks for a status and waits for it.
+    DeviceStatus refreshedStatus() const;
+
+    // Throws the failure that a reply stands for; nothing for code 0.
+    void check(const Command& command, const Reply& reply) const;
+
+private:
+    Table(Session& session, std::string path);
+
+    Session& mSession;
+    std::string mPath;
+};
+
+// Holds the device lock, and renews it often enough for as long as the object lives. Throws DeviceFailure
+// when another client holds it.
+class DeviceLock {
+public:
+    explicit DeviceLock(const Table& table);
+    DeviceLock(const DeviceLock&) = delete;
+    DeviceLock& operator=(const DeviceLock&) = delete;
+    ~DeviceLock();
+
+private:
+    const Table& mTable;
+    tools::LoopTimer mRenewal;
+};
+
+} // namespace tablectl

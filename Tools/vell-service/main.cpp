@@ -1,0 +1,173 @@
+// The device service: one plug-in process for each attached instrument.
+#include "Bundle.h"
+#include "DeviceService.h"
+#include "Log.h"
+
+#include <VellDevice/RuntimeFolder.h>
+
+#include <fcntl.h>
+#include <getopt.h>
+#include <support/SignalWatcher.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <stdexcept>
+
+namespace {
+
+constexpr const char* kUsage =
+    "usage: vell-service [OPTION...]\n"
+    "Starts a plug-in process for each attached instrument and keeps it running.\n"
+    "\n"
+    "  --bundle PATH            the plug-in (default: TaviIO.bundle in the lib folder beside the program's)\n"
+    "  --runtime-dir DIR        sockets and state (default: $VELL_RUNTIME_DIR, $XDG_RUNTIME_DIR/vell\n"
+    "                           or /tmp/vell-UID)\n"
+    "  --hardware-dir DIR       the attached hardware (default: $VELL_HARDWARE_DIR or `hardware` in the\n"
+    "                           runtime folder)\n"
+    "  --restart-pause SECONDS  before the first restart of a plug-in; doubles up to a minute (default: 1)\n"
+    "  --temporary PID          end with the process PID, which has started the service, and remove the\n"
+    "                           runtime folder then\n"
+    "  --verbose, --quiet       more on standard error, or problems only\n"
+    "  --help, --version\n";
+
+struct Options {
+    std::filesystem::path bundle;
+    double restartPause = 1;
+    std::optional<long> temporaryFor; // a process
+};
+
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+double parsePause(const char* text) {
+    char* end = nullptr;
+    const double pause = std::strtod(text, &end);
+    if (*end != '\0' || !std::isfinite(pause) || pause < 0)
+        throw UsageError(std::string("--restart-pause: not a number of seconds: ") + text);
+    return pause;
+}
+
+// The plug-ins inherit the folders through the environment.
+void setFolder(const char* variable, const char* folder) {
+    setenv(variable, std::filesystem::absolute(folder).c_str(), 1);
+}
+
+// Nothing when the program has only been asked about itself.
+std::optional<Options> parseOptions(int argc, char** argv) {
+    enum { kBundle, kRuntime, kHardware, kPause, kTemporary, kVerbose, kQuiet, kHelp, kVersion };
+    static const option kOptions[] = {{"bundle", required_argument, nullptr, kBundle},
+                                      {"runtime-dir", required_argument, nullptr, kRuntime},
+                                      {"hardware-dir", required_argument, nullptr, kHardware},
+                                      {"restart-pause", required_argument, nullptr, kPause},
+                                      {"temporary", required_argument, nullptr, kTemporary},
+                                      {"verbose", no_argument, nullptr, kVerbose},
+                                      {"quiet", no_argument, nullptr, kQuiet},
+                                      {"help", no_argument, nullptr, kHelp},
+                                      {"version", no_argument, nullptr, kVersion},
+                                      {}};
+    Options options;
+    for (;;) {
+        switch (getopt_long(argc, argv, "", kOptions, nullptr)) {
+        case -1:
+            if (optind < argc)
+                throw UsageError(std::string("unexpected argument: ") + argv[optind]);
+            return options;
+        case kBundle:
+            options.bundle = std::filesystem::absolute(optarg);
+            break;
+        case kRuntime:
+            setFolder("VELL_RUNTIME_DIR", optarg);
+            break;
+        case kHardware:
+            setFolder("VELL_HARDWARE_DIR", optarg);
+            break;
+        case kPause:
+            options.restartPause = parsePause(optarg);
+            break;
+        case kTemporary:
+            options.temporaryFor = std::atol(optarg);
+            break;
+        case kVerbose:
+            service::setVerbosity(service::Verbosity::verbose);
+            break;
+        case kQuiet:
+            service::setVerbosity(service::Verbosity::quiet);
+            break;
+        case kHelp:
+            std::fputs(kUsage, stdout);
+            return std::nullopt;
+        case kVersion:
+            std::puts("vell-service " TOOLS_VERSION);
+            return std::nullopt;
+        default:
+            throw UsageError("see vell-service --help");
+        }
+    }
+}
+
+// Two services would start two plug-ins for each device. The hardware folder itself carries the lock, so that
+// nothing is left of it whichever way the service ends.
+CoreFoundation::FileDescriptor lockHardware(const std::string& folder) {
+    for (const auto& problem : {VellService::ensureRuntimeFolder(), VellService::ensureFolder(folder)}) {
+        if (problem)
+            throw std::runtime_error(*problem);
+    }
+    CoreFoundation::FileDescriptor lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!lock || flock(lock.get(), LOCK_EX | LOCK_NB) != 0)
+        throw std::runtime_error("a service is already watching " + folder);
+    return lock;
+}
+
+int run(const Options& options) {
+    if (options.temporaryFor) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != *options.temporaryFor)
+            throw std::runtime_error("the process that the service is for is gone");
+    }
+    const std::string hardware = VellService::hardwareFolderPath();
+    const CoreFoundation::FileDescriptor lock = lockHardware(hardware);
+    const std::filesystem::path programs = tools::programFolder();
+    const service::Bundle bundle(!options.bundle.empty() ? options.bundle
+                                                         : programs.parent_path() / "lib" / "TaviIO.bundle");
+
+    VellDeviceCenterRef center = VellDeviceCenterGetDistributedCenter();
+    {
+        service::DeviceService devices({programs / "vell-plugin-host", bundle.path(), options.restartPause},
+                                       bundle);
+        const tools::SignalWatcher signals({SIGTERM, SIGINT, SIGHUP, SIGCHLD}, [&devices](int signal) {
+            tools::runOnCenterLoop([&devices, signal] {
+                if (signal == SIGCHLD)
+                    devices.childrenChanged();
+                else
+                    devices.end();
+            });
+        });
+        service::log("watching %s", hardware.c_str());
+        VellDeviceCenterRunLoop(center);
+    }
+    if (options.temporaryFor)
+        std::filesystem::remove_all(VellService::runtimeFolderPath());
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const auto options = parseOptions(argc, argv);
+        return options ? run(*options) : 0;
+    } catch (const UsageError& error) {
+        service::logError("%s", error.what());
+        return 2;
+    } catch (const std::exception& error) {
+        service::logError("%s", error.what());
+        return 1;
+    }
+}
