@@ -59,6 +59,10 @@ void Instrument::follow() {
 }
 
 void Instrument::readFile(const std::string& path) {
+    const std::lock_guard lock(mFollowMutex);
+    if (path != mFollowed) {
+        return;
+    }
     std::optional<Simulation> settings = readHardwareFile(path);
     if (!settings) {
         return;
@@ -88,9 +92,10 @@ void Instrument::powerCycle() {
         mLastWhiteTransfer = "0";
         mOptions.resetToDefaults();
     }
+    const std::lock_guard lock(mFollowMutex);
     mSimulation.apply(Simulation());
     mSimulation.setLastError("");
-    follow();
+    followHardwareFile();
 }
 
 Instrument::Turn Instrument::takeTurn() {

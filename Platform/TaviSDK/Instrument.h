@@ -71,12 +71,17 @@ private:
     void moveTo(const Point& place);
     bool isVisor() const { return mOptions.isYes("TaviTIsVisorCoordinate"); }
 
-    void follow();
+    void followHardwareFile();
     void readFile(const std::string& path);
 
     SimulationStore mSimulation;
     Button mButton;
     Follower& mFollower; // never destroyed, as its thread may use it until the process ends
+
+    // Guards mFollowed, and the settings against a file that is read for an instrument switched off
+    // meanwhile.
+    std::mutex mFollowMutex;
+    std::string mFollowed;
 
     std::mutex mCallMutex; // guards everything below
     Options mOptions;
