@@ -40,21 +40,21 @@ Instrument& Instrument::instance() {
 Instrument::Instrument()
     : mFollower(
           *new Follower([this](const std::string& path) { readFile(path); }, [this] { mButton.report(); })) {
-    follow();
+    const std::lock_guard lock(mFollowMutex);
+    followHardwareFile();
 }
 
-// Reads the hardware file before the first call is served, so that a caller never meets a table that is not
-// its own.
-void Instrument::follow() {
+// Reads the hardware file before the first call is served: a caller never meets a table that is not its own.
+void Instrument::followHardwareFile() {
     const char* path = std::getenv("TAVI_TABLE");
-    if (path == nullptr || *path == '\0') {
-        mFollower.follow("");
+    mFollowed = path == nullptr ? "" : path;
+    mFollower.follow(mFollowed);
+    if (mFollowed.empty()) {
         return;
     }
-    if (const std::optional<Simulation> settings = readHardwareFile(path)) {
+    if (const std::optional<Simulation> settings = readHardwareFile(mFollowed)) {
         mSimulation.apply(*settings);
     }
-    mFollower.follow(path);
     mFollower.start();
 }
 
