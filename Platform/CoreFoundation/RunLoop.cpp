@@ -87,12 +87,14 @@ void __CFRunLoop::discardEvents() {
     discarded.swap(mEvents);
 }
 
-void __CFRunLoop::fireTimers() {
+bool __CFRunLoop::fireTimers() {
+    bool fired = false;
     const CFAbsoluteTime now = Clock::now();
     // Timers that are added, or added again, from here on belong to the next pass.
     const TimerQueue::Ticket last = mTimers->lastTicket();
     while (const auto due = mTimers->takeDue(now, last)) {
         const CFRunLoopTimerRef timer = due->timer.get();
+        fired = true;
         {
             const Activity activity(*this);
             timer->fire();
@@ -112,6 +114,7 @@ void __CFRunLoop::fireTimers() {
         if (timer->isValid())
             mTimers->insert(timer, next);
     }
+    return fired;
 }
 
 int __CFRunLoop::millisecondsToWait() const {
@@ -148,13 +151,13 @@ void __CFRunLoop::runEvents(const std::function<bool()>& goesOn) {
 
 void __CFRunLoop::pass(Wait wait, const std::function<bool()>& goesOn) {
     const bool nested = isBusy();
-    fireTimers();
+    const bool fired = fireTimers();
     if (nested || !goesOn())
         return;
     // The poller comes first: from here on other threads wake it, and what they did before is seen by the
     // look at timers and events that follows.
     Poller& descriptors = poller();
-    const int milliseconds = wait == Wait::forWork ? millisecondsToWait() : 0;
+    const int milliseconds = wait == Wait::forWork && !fired ? millisecondsToWait() : 0;
     {
         const Activity activity(*this);
         descriptors.waitAndDispatch(milliseconds);
