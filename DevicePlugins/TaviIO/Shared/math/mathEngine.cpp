@@ -30,9 +30,9 @@ double squares(const double* values, long count) {
 
 // `target` (length x count) becomes the matrix of the columns that `column` gives for order[0], order[1], ...
 template <class Column>
-void writeColumns(cMatrixDC& target, long length, const std::vector<long>& order, long count, Column column) {
+void writeColumns(cMatrixDC& target, long length, const long* order, long count, Column column) {
     for (long j = 0; j < count; ++j) {
-        const double* values = column(order[static_cast<std::size_t>(j)]);
+        const double* values = column(order[j]);
         double* out = target.data() + j;
         for (long i = 0; i < length; ++i, out += target.numberOfColumns())
             *out = values[i];
@@ -48,15 +48,17 @@ int cMathEngine::singularValueDecomp(cMatrixDC& A, cMatrixDC& U, cMatrixDC& W, c
     if (!decomposition.decompose())
         return 1;
 
-    std::vector<double> values(decomposition.values(), decomposition.values() + n);
-    std::vector<long> order(values.size());
-    std::iota(order.begin(), order.end(), 0L);
-    sort_0_lf(static_cast<int>(n), values.data(), order.data());
+    cScratchArray<double, 8> sorted(n);
+    double* values = std::copy_n(decomposition.values(), n, sorted.data()) - n;
+    cScratchArray<long, 8> columns(n);
+    long* order = columns.data();
+    std::iota(order, order + n, 0L);
+    sort_0_lf(static_cast<int>(n), values, order);
 
     const long k = std::min(m, n);
     W.zeros(economy ? k : m, economy ? k : n);
     for (long i = 0; i < k; ++i)
-        W(i, i) = values[static_cast<std::size_t>(i)];
+        W(i, i) = values[i];
     if (economy)
         U.resize(m, k);
     else

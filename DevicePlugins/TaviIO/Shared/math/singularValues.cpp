@@ -16,18 +16,34 @@ constexpr int kMostSweeps = 30;
 constexpr int kSafeExponentLow = -400;
 constexpr int kSafeExponentHigh = 480;
 
-// The rotation that turns (x, y) into (r, 0), and r.
-double rotationOnto(double x, double y, Rotation& rotation) {
-    const double r = hypotenuse(x, y);
-    rotation = r != 0 ? Rotation{x / r, y / r} : Rotation{};
-    return r;
+// Sums of squares in this range have lost nothing to overflow or underflow.
+constexpr double kLeastSquare = 0x1p-900;
+constexpr double kMostSquare = 0x1p+1000;
+
+// The length of (x, y), mostly without the division that hypotenuse() takes to be safe.
+double lengthOf(double x, double y) {
+    const double square = x * x + y * y;
+    return square > kLeastSquare && square < kMostSquare ? std::sqrt(square) : hypotenuse(x, y);
+}
+
+// The rotation that turns (x, y) into (length, 0).
+struct Elimination {
+    double length;
+    Rotation rotation;
+};
+
+Elimination eliminate(double x, double y) {
+    const double r = lengthOf(x, y);
+    return {r, r != 0 ? Rotation{x / r, y / r} : Rotation{}};
 }
 
 } // namespace
 
-cSingularValues::cSingularValues(const double* a, long rows, long columns) : mRows(rows), mColumns(columns) {
-    const long vectors = 5 * columns;
-    mStorage.resize(static_cast<std::size_t>(2 * rows * columns + columns * columns + vectors));
+cSingularValues::cSingularValues(const double* a, long rows, long columns)
+    : mRows(rows),
+      mColumns(columns),
+      mStorage(2 * rows * columns + columns * columns + 5 * columns),
+      mRotations(2 * columns) {
     mWork = mStorage.data();
     mLeft = mWork + rows * columns;
     mRight = mLeft + rows * columns;
@@ -78,6 +94,12 @@ bool cSingularValues::bringToSafeRange() {
 // vector, scaled by the sum of the absolute values so that its squares are safe. A vector of zeros is left
 // alone.
 double cSingularValues::makeReflection(double* v, long n, double& h) {
+    if (n == 1 && v[0] != 0) {
+        const double x = v[0];
+        v[0] = std::copysign(2.0, x);
+        h = -2;
+        return -x;
+    }
     double scale = 0;
     for (long k = 0; k < n; ++k)
         scale += std::fabs(v[k]);
@@ -166,7 +188,6 @@ bool cSingularValues::isNegligible(double x) const {
 }
 
 bool cSingularValues::diagonalise() {
-    mRotations.resize(static_cast<std::size_t>(2 * mColumns));
     for (long last = mColumns - 1; last >= 0; --last) {
         int sweeps = 0;
         for (long first = splitBlock(last); first != last; first = splitBlock(last)) {
@@ -203,8 +224,9 @@ void cSingularValues::clearSuperdiagonal(long first, long last) {
         mSuperdiagonal[i] *= rotation.c;
         if (isNegligible(moved))
             return;
-        const double r = rotationOnto(mDiagonal[i], -moved, rotation);
-        mDiagonal[i] = r;
+        const auto [length, next] = eliminate(mDiagonal[i], -moved);
+        mDiagonal[i] = length;
+        rotation = next;
         double* column = mLeft + i * mRows;
         for (long k = 0; k < mRows; ++k) {
             const double x = emptied[k];
@@ -215,19 +237,19 @@ void cSingularValues::clearSuperdiagonal(long first, long last) {
     }
 }
 
-// The first column of B^T B - shift I of the block B, divided by its first diagonal element: its first
-// component; the second is the block's first superdiagonal element. The shift is the eigenvalue of the last 2
-// x 2 part of B^T B that is nearer to its last element.
-double cSingularValues::startOfSweep(long first, long last) const {
+// The direction of the first column of B^T B - shift I of the block B: it has only two elements. The shift is
+// the eigenvalue of the last 2 x 2 part of B^T B that is nearer to its last element.
+Rotation cSingularValues::startOfSweep(long first, long last) const {
     const double top = mDiagonal[first];
     const double before = mDiagonal[last - 1];
     const double end = mDiagonal[last];
     const double above = mSuperdiagonal[last - 1];
     const double beside = mSuperdiagonal[last];
-    const double gap =
-        ((before - end) * (before + end) + (above - beside) * (above + beside)) / (2 * beside * before);
-    const double root = gap + std::copysign(hypotenuse(gap, 1), gap);
-    return ((top - end) * (top + end) + beside * (before / root - beside)) / top;
+    const double gap = (before - end) * (before + end) + (above - beside) * (above + beside);
+    const double coupling = 2 * beside * before;
+    const double root = gap + std::copysign(lengthOf(gap, coupling), gap);
+    const double shifted = (top - end) * (top + end) + beside * (before * (coupling / root) - beside);
+    return eliminate(std::copysign(1.0, top) * shifted, std::fabs(top) * mSuperdiagonal[first + 1]).rotation;
 }
 
 // One QR step on the block. A rotation of its first two columns brings in the shift and an element below the
@@ -237,33 +259,33 @@ void cSingularValues::sweep(long first, long last) {
     const long count = last - first;
     Rotation* ofColumns = mRotations.data();
     Rotation* ofRows = ofColumns + count;
-    // The diagonal and superdiagonal element that the coming rotation meets, and the element that stands out
-    // of the bidiagonal form next to the latter.
+    // The element on the diagonal and the one beside it in the columns that the coming rotation mixes.
     double diagonal = mDiagonal[first];
-    double ahead = mSuperdiagonal[first + 1];
-    double inRow = startOfSweep(first, last);
-    double outOfRow = ahead;
+    double beside = mSuperdiagonal[first + 1];
+    Rotation columns = startOfSweep(first, last);
     for (long k = 0; k < count; ++k) {
         const long j = first + k;
-        // Columns j and j + 1: clears the element to the right of the superdiagonal of row j - 1.
-        Rotation& columns = ofColumns[k];
-        mSuperdiagonal[j] = rotationOnto(inRow, outOfRow, columns);
-        const double upper = columns.c * diagonal + columns.s * ahead;
-        const double besideUpper = columns.c * ahead - columns.s * diagonal;
+        // Columns j and j + 1 mix: an element appears below the diagonal.
+        ofColumns[k] = columns;
+        const double upper = columns.c * diagonal + columns.s * beside;
+        const double besideUpper = columns.c * beside - columns.s * diagonal;
         const double belowUpper = columns.s * mDiagonal[j + 1];
         const double lower = columns.c * mDiagonal[j + 1];
-        // Rows j and j + 1: clears the element below the diagonal that this made.
-        Rotation& rows = ofRows[k];
-        mDiagonal[j] = rotationOnto(upper, belowUpper, rows);
-        inRow = rows.c * besideUpper + rows.s * lower;
+        // Rows j and j + 1 mix so that it goes: another appears to the right of the superdiagonal.
+        const auto [length, rows] = eliminate(upper, belowUpper);
+        ofRows[k] = rows;
+        mDiagonal[j] = length;
         diagonal = rows.c * lower - rows.s * besideUpper;
+        mSuperdiagonal[j + 1] = rows.c * besideUpper + rows.s * lower;
         if (k + 1 < count) {
-            outOfRow = rows.s * mSuperdiagonal[j + 2];
-            ahead = rows.c * mSuperdiagonal[j + 2];
+            // The next mixing of columns takes that one away.
+            const Elimination next = eliminate(mSuperdiagonal[j + 1], rows.s * mSuperdiagonal[j + 2]);
+            mSuperdiagonal[j + 1] = next.length;
+            columns = next.rotation;
+            beside = rows.c * mSuperdiagonal[j + 2];
         }
     }
     mSuperdiagonal[first] = 0;
-    mSuperdiagonal[last] = inRow;
     mDiagonal[last] = diagonal;
     mathKernels::rotateRows(mRight + first * mColumns, mColumns, mColumns, ofColumns, count);
     mathKernels::rotateRows(mLeft + first * mRows, mRows, mRows, ofRows, count);

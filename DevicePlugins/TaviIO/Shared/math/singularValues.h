@@ -1,8 +1,7 @@
 #pragma once
 
+#include "scratchArray.h"
 #include "vectorKernels.h"
-
-#include <vector>
 
 // Singular values and vectors of a matrix A (m x n): A = U W V^T.
 //
@@ -41,22 +40,22 @@ private:
     bool isNegligible(double x) const;
     long splitBlock(long last);
     void clearSuperdiagonal(long first, long last);
-    double startOfSweep(long first, long last) const;
+    mathKernels::Rotation startOfSweep(long first, long last) const;
     void sweep(long first, long last);
     void makePositive(long j);
 
     long mRows;
     long mColumns;
-    std::vector<double> mStorage;
-    double* mWork;          // A on its way to bidiagonal form, m x n
-    double* mLeft;          // n columns of m values
-    double* mRight;         // n columns of n values
-    double* mDiagonal;      // n
-    double* mSuperdiagonal; // n: the element above diagonal element j, 0 for j = 0
-    double* mLeftH;         // n: the h of the reflections
-    double* mRightH;        // n
-    double* mScratch;       // n
-    std::vector<mathKernels::Rotation> mRotations;
+    cScratchArray<double, 96> mStorage; // 4 x 4 and less fit in without allocation
+    double* mWork;                      // A on its way to bidiagonal form, m x n
+    double* mLeft;                      // n columns of m values
+    double* mRight;                     // n columns of n values
+    double* mDiagonal;                  // n
+    double* mSuperdiagonal;             // n: the element above diagonal element j, 0 for j = 0
+    double* mLeftH;                     // n: the h of the reflections
+    double* mRightH;                    // n
+    double* mScratch;                   // n
+    cScratchArray<mathKernels::Rotation, 8> mRotations;
     double mNorm = 0;  // the largest |diagonal| + |superdiagonal|
     double mScale = 1; // what A was multiplied by, a power of 2
 };

@@ -62,14 +62,16 @@ inline void addCombination(double* y, long n, const double* coefficients, const 
 inline void rotateRows(double* rows, long stride, long length, const Rotation* rotations, long count) {
     if (length >= kShort)
         return kernels().rotateRows(rows, stride, length, rotations, count);
-    for (long k = 0; k < count; ++k, rows += stride) {
-        const auto [c, s] = rotations[k];
-        for (long i = 0; i < length; ++i) {
-            const double x = rows[i];
-            const double y = rows[i + stride];
-            rows[i] = c * x + s * y;
-            rows[i + stride] = c * y - s * x;
+    for (long i = 0; i < length; ++i) {
+        double* element = rows + i;
+        double upper = *element;
+        for (long k = 0; k < count; ++k, element += stride) {
+            const auto [c, s] = rotations[k];
+            const double lower = element[stride];
+            *element = c * upper + s * lower;
+            upper = c * lower - s * upper;
         }
+        *element = upper;
     }
 }
 
