@@ -20,6 +20,7 @@ public:
     void write(const std::filesystem::path& file, const std::string& contents) const;
     // Everything that was logged.
     std::string log() const;
+    bool logged(const std::string& text) const { return log().find(text) != std::string::npos; }
     // Makes a bundle with the driver's properties, and `extra` beside them; its path.
     std::filesystem::path bundle(const std::string& extra = "") const;
 

@@ -5,8 +5,6 @@
 namespace test {
 namespace {
 
-using ::testing::HasSubstr;
-
 class Attributes : public DriverBench {
 protected:
     const char* attribute(const char* key) { return driver->device()->attributeForKey(key); }

@@ -79,7 +79,7 @@ TEST_F(Commands, ButtonMeasuresOrCalibrates) {
         TaviSDK::Simulation simulation = TaviSDK::simulation();
         ++simulation.presses;
         TaviSDK::setSimulation(simulation);
-        passUntil([&] { return scratch.log().find("void TaviIO::buttonPressed()") != std::string::npos; });
+        passUntil([&] { return scratch.logged("void TaviIO::buttonPressed()"); });
     };
     press();
     passUntil([&] { return !postsFor("Measure").empty(); });

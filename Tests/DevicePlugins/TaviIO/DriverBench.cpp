@@ -158,10 +158,8 @@ void DriverBench::passUntil(const std::function<bool()>& condition) {
 void DriverBench::connect(bool withSpectrophotometer) {
     scratch.write(scratch.hardware() / "table.plist", hardwareFile(kDevicePath, withSpectrophotometer));
     driver->startWithoutRunLoop();
-    {
-        // The loop is the test's, but the driver makes its passes as under start().
-        driver->mRunLoopRunning = true;
-    }
+    driver->mRunLoopRunning =
+        true; // the loop is the test's, but the driver makes its passes as under start()
     passUntil([&] { return driver->mHardwareDevice != nullptr; });
     passUntil([&] { return *driver->device()->attributeForKey("DeviceLogName") != '\0'; });
 }
@@ -248,8 +246,9 @@ void DriverBench::expectCleanScan() {
     calls.interfere({});
     const ChartOnTable chart;
     place(chart);
-    if (driver->device()->calibrationStatus() != 1)
+    if (driver->device()->calibrationStatus() != 1) {
         ASSERT_EQ(ask("Calibrate").code, 0);
+    }
     ASSERT_EQ(ask("SetMode", {{"Mode", "ScanningReflectance"}}).code, 0);
     const std::vector<Post> rows = measure(chart);
     ASSERT_EQ(rows.size(), 3U);

@@ -63,8 +63,9 @@ protected:
         ASSERT_LE(answers.size(), rows);
         for (std::size_t index = 0; index + 1 < answers.size(); ++index)
             EXPECT_EQ(answers[index].code, 0) << "answer " << index;
-        if (answers.size() < rows)
+        if (answers.size() < rows) {
             EXPECT_NE(answers.back().code, 0);
+        }
     }
 };
 
@@ -103,8 +104,9 @@ TEST_F(Interference, FaultsInChartScans) {
         sweep(operation, failing, [](const std::vector<Post>& answers) { expectRowsThenReason(answers, 3); });
         sweep(operation, throwing, [](const std::vector<Post>& answers) {
             expectRowsThenReason(answers, 3);
-            if (answers.back().code != 0)
+            if (answers.back().code != 0) {
                 EXPECT_EQ(answers.back().code, 14);
+            }
         });
     }
 }
@@ -170,8 +172,9 @@ TEST_F(Meanwhile, CancelAtEveryCall) {
                  [](const std::vector<Post>& answers) {
                      ASSERT_FALSE(answers.empty());
                      ASSERT_LE(answers.size(), 3U);
-                     if (answers.size() < 2 || answers.size() == 3)
+                     if (answers.size() < 2 || answers.size() == 3) {
                          EXPECT_EQ(answers.back().code, -1023);
+                     }
                  });
 }
 
@@ -184,8 +187,9 @@ TEST_F(Meanwhile, SecondMeasureAndButtonAtEveryCall) {
     const ChartOnTable chart{.rows = 2, .columns = 2};
     sweepCommand(
         [&] {
-            if (driver->isMeasuring())
+            if (driver->isMeasuring()) {
                 EXPECT_EQ(ask("Measure", chart.measureArguments()).code, 23);
+            }
             if (driver->isMeasuring())
                 driver->buttonPressed();
         },
@@ -206,6 +210,7 @@ TEST_F(Meanwhile, SpectrophotometerLiftedAtEveryCall) {
             finishMeasurements();
             lifted.spectrophotometer = true;
             TaviSDK::setSimulation(lifted);
+            ask("ClearCalibration"); // it lost it, sooner than the driver could notice
         },
         [](const std::vector<Post>& answers) { expectRowsThenReason(answers, 2); });
 }
@@ -226,9 +231,9 @@ TEST_F(Interference, WorkerThatAResetLeavesBehind) {
     passUntil([&] { return inStrip.load(); });
     // The reset itself needs the instrument in the end: the strip ends after its five seconds.
     takeSleptSeconds();
-    onSleep([&, slept = 0U](unsigned seconds) mutable {
-        slept += seconds;
-        if (slept >= 5)
+    std::atomic<unsigned> slept{0};
+    onSleep([&](unsigned seconds) {
+        if ((slept += seconds) >= 5)
             stripEnds = true;
     });
     EXPECT_EQ(ask("__RESET__").code, 0);

@@ -15,13 +15,6 @@ Calls operator+(Calls left, const Calls& right) {
     return left;
 }
 
-Calls operator*(const Calls& calls, int times) {
-    Calls repeated;
-    for (int time = 0; time < times; ++time)
-        repeated = repeated + calls;
-    return repeated;
-}
-
 const Calls kPark{"Tavi_SetOption TaviTHoldPosition=no", "Tavi_GoToHomePosition",
                   "Tavi_SetOption TaviTHoldPosition=no"};
 const Calls kBegin{"Tavi_SetOption TaviTHoldPosition=no", "Tavi_SetOption TaviTIsVisorCoordinate=no"};
@@ -63,26 +56,33 @@ const Calls kToStrips{"Tavi_SetOption MeasurementMode=ScanningReflectance"};
 class Sequence : public DriverBench {
 protected:
     void SetUp() override { makeReady(); }
+
+    // Without the attribute pass that polling makes as soon as it is back.
+    Calls take() {
+        Calls made = calls.take();
+        const auto pass = std::find(made.begin(), made.end(), "Tavi_GetOption AvailableMeasurementModes");
+        if (pass != made.end())
+            made.erase(pass - 1, made.end());
+        return made;
+    }
 };
 
 TEST_F(Sequence, StripRow) {
     const ChartOnTable chart{.rows = 1, .columns = 3};
     place(chart);
     ASSERT_EQ(measure(chart).size(), 1U);
-    EXPECT_THAT(calls.take(),
-                ElementsAreArray(kBegin + timing("493", "200") + strip("493", false, "40,30,60,30") +
-                                 sample(0) + sample(1) + sample(2) + kFormat + kPark));
+    EXPECT_THAT(take(), ElementsAreArray(kBegin + timing("493", "200") + strip("493", false, "40,30,60,30") +
+                                         sample(0) + sample(1) + sample(2) + kFormat + kPark));
 }
 
 TEST_F(Sequence, SecondRowRunsBackwards) {
     const ChartOnTable chart{.rows = 2, .columns = 2};
     place(chart);
     ASSERT_EQ(measure(chart).size(), 2U);
-    EXPECT_THAT(calls.take(),
-                ElementsAreArray(kBegin + timing("493", "200") + strip("493", false, "40,30,50,30") +
-                                 sample(0) + sample(1) + kFormat + timing("493", "200") +
-                                 strip("493", false, "50,40,40,40") + sample(0) + sample(1) + kFormat +
-                                 kPark));
+    EXPECT_THAT(take(), ElementsAreArray(kBegin + timing("493", "200") + strip("493", false, "40,30,50,30") +
+                                         sample(0) + sample(1) + kFormat + timing("493", "200") +
+                                         strip("493", false, "50,40,40,40") + sample(0) + sample(1) +
+                                         kFormat + kPark));
 }
 
 TEST_F(Sequence, SpotRowAfterFourStrips) {
@@ -95,7 +95,7 @@ TEST_F(Sequence, SpotRowAfterFourStrips) {
                    : std::nullopt;
     });
     ASSERT_EQ(measure(chart).size(), 1U);
-    Calls seen = calls.take();
+    Calls seen = take();
     std::erase(seen, "Tavi_GetOption MeasurementMode"); // the interference's own
     EXPECT_THAT(seen,
                 ElementsAreArray(kBegin + timing("493", "200") + strip("493", false, "40,30,50,30") +
@@ -109,9 +109,8 @@ TEST_F(Sequence, EveryPatchBySpotsWhereAskedFor) {
     place(chart);
     ASSERT_EQ(measure(chart, {{"SpotMeasureCount", "2"}}).size(), 2U);
     const Calls row = timing("644", "200") + kToSpots;
-    EXPECT_THAT(calls.take(),
-                ElementsAreArray(kBegin + row + spot("40,30") + spot("38,32") + kFormat + kToStrips + row +
-                                 spot("40,42") + spot("38,44") + kFormat + kPark));
+    EXPECT_THAT(take(), ElementsAreArray(kBegin + row + spot("40,30") + spot("38,32") + kFormat + kToStrips +
+                                         row + spot("40,42") + spot("38,44") + kFormat + kPark));
 }
 
 TEST_F(Sequence, FailedRow) {
@@ -124,10 +123,10 @@ TEST_F(Sequence, FailedRow) {
     ASSERT_EQ(answers.size(), 1U);
     EXPECT_EQ(answers[0].code, 25) << "no sample: a wrong number of them";
     EXPECT_FALSE(answers[0].hasMeasurements);
-    EXPECT_THAT(calls.take(), ElementsAreArray(kBegin + timing("493", "200") + kToSpots +
-                                               Calls{"Tavi_SetPosition 40,30", "Tavi_TriggerMeasurement",
-                                                     "Tavi_GetOption LastError"} +
-                                               kToStrips + kPark + Calls{"Tavi_GetOption LastError"}));
+    EXPECT_THAT(take(), ElementsAreArray(kBegin + timing("493", "200") + kToSpots +
+                                         Calls{"Tavi_SetPosition 40,30", "Tavi_TriggerMeasurement",
+                                               "Tavi_GetOption LastError"} +
+                                         kToStrips + kPark + Calls{"Tavi_GetOption LastError"}));
 }
 
 TEST_F(Sequence, CancelledRow) {
@@ -142,9 +141,8 @@ TEST_F(Sequence, CancelledRow) {
     ASSERT_EQ(answers.size(), 1U);
     EXPECT_EQ(answers[0].code, -1023);
     EXPECT_EQ(answers[0].message, "Measure Cancelled");
-    EXPECT_THAT(calls.take(),
-                ElementsAreArray(kBegin + timing("493", "200") + strip("493", false, "40,30,50,30") +
-                                 sample(0) + sample(1) + kPark));
+    EXPECT_THAT(take(), ElementsAreArray(kBegin + timing("493", "200") + strip("493", false, "40,30,50,30") +
+                                         sample(0) + sample(1) + kPark));
 }
 
 TEST_F(Sequence, Calibration) {
@@ -152,7 +150,7 @@ TEST_F(Sequence, Calibration) {
     calls.take();
     ASSERT_EQ(ask("Calibrate").code, 0);
     const Calls hold{"Tavi_SetOption TaviTHoldPosition=no"};
-    EXPECT_THAT(calls.take(),
+    EXPECT_THAT(take(),
                 ElementsAreArray(Calls{"Tavi_GetOption TaviTTaviSerialNumber", "Tavi_GoToHomePosition"} +
                                  hold + kToStrips +
                                  Calls{"Tavi_SetOption Recognition=yes", "Tavi_SetOption TaviTMoveSpeed=400",
