@@ -109,6 +109,8 @@ public:
 
 private:
     void write(std::string_view text, std::size_t offset);
+    // Makes the file what it was before an add() that failed, as well as it can.
+    void restore() noexcept;
     std::string countLine() const;
 
     std::string mPath;

@@ -114,20 +114,30 @@ void MeasurementFile::add(std::span<const Reading> readings) {
     }
     const std::size_t added = text.size();
     text += kTail;
+    const std::size_t countBefore = mCount;
+    const std::size_t tailBefore = mTailOffset;
     try {
         write(text, mTailOffset);
         mCount += readings.size();
         mTailOffset += added;
         write(countLine(), mCountOffset);
     } catch (const CgatsError&) {
-        // The old tail still fits where it was. Nothing more can be done for a file that does not take even
-        // that.
-        if (mTailOffset + kTail.size() > 0 &&
-            ::pwrite(mDescriptor, kTail.data(), kTail.size(), static_cast<off_t>(mTailOffset)) > 0) {
-            [[maybe_unused]] const int result =
-                ::ftruncate(mDescriptor, static_cast<off_t>(mTailOffset + kTail.size()));
-        }
+        mCount = countBefore;
+        mTailOffset = tailBefore;
+        restore();
         throw;
+    }
+}
+
+void MeasurementFile::restore() noexcept {
+    try {
+        // All of it lies where the file has had bytes before, so that a full disk takes it, too.
+        write(kTail, mTailOffset);
+        write(countLine(), mCountOffset);
+        [[maybe_unused]] const int result =
+            ::ftruncate(mDescriptor, static_cast<off_t>(mTailOffset + kTail.size()));
+    } catch (const CgatsError&) {
+        // Nothing more can be done for a file that does not take even that.
     }
 }
 

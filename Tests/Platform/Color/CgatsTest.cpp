@@ -1,17 +1,17 @@
 #include <Color/Cgats.h>
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <limits>
 #include <random>
-#include <sstream>
 
 namespace {
 
@@ -251,6 +251,31 @@ TEST(MeasurementFileTest, isWholeAfterEveryRowAndLosesNoBit) {
         }
     }
     EXPECT_EQ(file.count(), written.size());
+}
+
+TEST(MeasurementFileTest, aRowThatFindsNoRoomLeavesTheRowsBefore) {
+    const TemporaryFolder folder;
+    const std::string path = folder.file("out.txt");
+    const ChartLayout layout = Color::parseChartLayout(smallChart(), "small.txt");
+    std::mt19937 random(2);
+    Color::MeasurementFile file(path, layout, MeasurementCondition::M0);
+    file.add(std::array{reading(0, 0, 0, random)});
+
+    // A limit on the size of files stands for a full disk.
+    rlimit unlimited{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &unlimited), 0);
+    rlimit limited = unlimited;
+    limited.rlim_cur = std::filesystem::file_size(path) + 100;
+    const auto before = std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limited), 0);
+    EXPECT_THROW(file.add(std::array{reading(0, 1, 0, random)}), CgatsError);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &unlimited), 0);
+    std::signal(SIGXFSZ, before);
+
+    EXPECT_EQ(Color::readMeasurements(path).readings.size(), 1U);
+    EXPECT_LE(std::filesystem::file_size(path), limited.rlim_cur - 100);
+    file.add(std::array{reading(0, 2, 0, random)});
+    EXPECT_EQ(Color::readMeasurements(path).readings.back().column, 2);
 }
 
 TEST(MeasurementFileTest, reportsWhatCannotBeWritten) {
