@@ -65,7 +65,8 @@ private:
     void useStandardError();
     void complain(const std::string& problem);
 
-    std::mutex mMutex; // guards the change of file
+    std::mutex mMutex; // guards the change of file and mFile
+    int mFile = -1;    // the descriptor of every log file, once there has been one
     std::atomic<int> mDescriptor{STDERR_FILENO};
     std::atomic<Level> mLowest;
     std::atomic<bool> mComplained{false};
@@ -91,8 +92,7 @@ void Output::complain(const std::string& problem) {
 
 void Output::useStandardError() {
     mLowest = std::max(chosenLevel(), Level::warning);
-    if (mDescriptor != STDERR_FILENO)
-        dup3(STDERR_FILENO, mDescriptor, O_CLOEXEC);
+    mDescriptor.store(STDERR_FILENO, std::memory_order_release);
 }
 
 void Output::setFile(const char* name) {
@@ -114,10 +114,11 @@ void Output::setFile(const char* name) {
         complain("no log file: cannot open " + path + ": " + std::generic_category().message(errno));
         return useStandardError();
     }
-    if (mDescriptor == STDERR_FILENO)
-        mDescriptor.store(fcntl(opened.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1), std::memory_order_release);
+    if (mFile < 0)
+        mFile = fcntl(opened.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     else
-        dup3(opened.get(), mDescriptor, O_CLOEXEC);
+        dup3(opened.get(), mFile, O_CLOEXEC);
+    mDescriptor.store(mFile, std::memory_order_release);
     mLowest = chosenLevel();
 }
 

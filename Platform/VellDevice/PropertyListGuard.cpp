@@ -45,6 +45,15 @@ private:
             return std::nullopt;
         return Object{false, count * unit, 0, 0};
     }
+    // The library ends the process over a key with a null character, and to everybody else a text ends there.
+    std::optional<Object> text(std::uint64_t position, std::uint64_t count, std::uint64_t unit) const {
+        auto object = leaf(position, count, unit);
+        for (std::uint64_t i = 0; object && i < count; ++i) {
+            if (number(position + i * unit, unit) == 0)
+                object.reset();
+        }
+        return object;
+    }
     std::optional<Object> container(std::uint64_t position, std::uint64_t count,
                                     std::uint64_t perEntry) const {
         if (!fits(position, count, perEntry * mReferenceSize))
@@ -117,10 +126,11 @@ std::optional<BinaryReader::Object> BinaryReader::object(std::uint64_t index) co
         return std::nullopt;
     switch (marker >> 4) {
     case 0x4: // data
-    case 0x5: // text of one byte per character
         return leaf(position, *length, 1);
-    case 0x6: // text of two bytes per character
-        return leaf(position, *length, 2);
+    case 0x5: // characters of one byte
+        return text(position, *length, 1);
+    case 0x6: // characters of two bytes
+        return text(position, *length, 2);
     case 0xa: // array
         return container(position, *length, 1);
     case 0xd: // dictionary: keys, then values

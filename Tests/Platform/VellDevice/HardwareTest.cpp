@@ -1,1 +1,157 @@
-#include <gtest/gtest.h>
+#include "ServiceTest.h"
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+using namespace VellTest;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+namespace {
+
+std::string hardware(const std::string& path, int product = 2, const std::string& siblings = "",
+                     const std::string& deviceClass = "Scanner") {
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+           "<key>Path</key><string>" +
+           path +
+           "</string><key>VendorID</key><integer>1</integer>"
+           "<key>ProductID</key><integer>" +
+           std::to_string(product) + "</integer><key>DeviceClass</key><string>" + deviceClass +
+           "</string><key>Siblings</key><array>" + siblings + "</array></dict></plist>";
+}
+
+constexpr const char* kHead =
+    "<dict><key>VendorID</key><integer>2417</integer><key>ProductID</key><integer>8192</integer></dict>";
+
+class HardwareTest : public ServiceTest {
+protected:
+    HardwareTest() { watch(manager()); }
+
+    VellHardwareManagerRef manager() const { return static_cast<VellHardwareManagerRef>(mManager.get()); }
+    void watch(VellHardwareManagerRef observed) {
+        VellHardwareManagerRegisterMatchCallback(observed, matched, this);
+        VellHardwareManagerRegisterRemovalCallback(observed, removed, this);
+    }
+    std::string file(const std::string& name) const { return folder.hardwareFolder() + "/" + name; }
+    bool becomes(const std::vector<std::string>& expected) {
+        return runUntil([&] { return events == expected; }, std::chrono::seconds(5));
+    }
+
+    std::vector<std::string> events;
+    bool closesInCallback = false;
+    Owned last; // device
+
+private:
+    void note(const char* sign, VellHardwareManagerRef from, VellHardwareDeviceRef device) {
+        const Owned path(VellHardwareDeviceCopyPath(device));
+        events.push_back(sign + textOf(static_cast<VellStringRef>(path.get())));
+        last.reset(VellRetain(device));
+        if (closesInCallback)
+            VellHardwareManagerClose(from);
+    }
+    static void matched(VellHardwareManagerRef from, VellHardwareDeviceRef device, const void* context) {
+        const_cast<HardwareTest*>(static_cast<const HardwareTest*>(context))->note("+", from, device);
+    }
+    static void removed(VellHardwareManagerRef from, VellHardwareDeviceRef device, const void* context) {
+        const_cast<HardwareTest*>(static_cast<const HardwareTest*>(context))->note("-", from, device);
+    }
+    Owned mManager{VellHardwareManagerCreate()};
+};
+
+TEST_F(HardwareTest, FilesThatComeAndGoAreAttachesAndRemovals) {
+    replaceFile(file("a.plist"), hardware("usb:a"));
+    VellHardwareManagerOpen(manager());
+    EXPECT_THAT(events, IsEmpty()); // by the run loop only
+    ASSERT_TRUE(becomes({"+usb:a"}));
+    replaceFile(file("b.plist"), hardware("usb:b"));
+    ASSERT_TRUE(becomes({"+usb:a", "+usb:b"}));
+    std::filesystem::remove(file("a.plist"));
+    ASSERT_TRUE(becomes({"+usb:a", "+usb:b", "-usb:a"}));
+    replaceFile(file("b.plist"), hardware("usb:c")); // another device under the name
+    ASSERT_TRUE(becomes({"+usb:a", "+usb:b", "-usb:a", "-usb:b", "+usb:c"}));
+    const Owned path(VellHardwareDeviceCopyFilePath(static_cast<VellHardwareDeviceRef>(last.get())));
+    EXPECT_EQ(textOf(static_cast<VellStringRef>(path.get())), file("b.plist"));
+}
+
+TEST_F(HardwareTest, FolderIsMadePrivateAndMadeAgain) {
+    VellHardwareManagerOpen(manager());
+    const auto mode = std::filesystem::status(folder.hardwareFolder()).permissions();
+    EXPECT_EQ(mode, std::filesystem::perms::owner_all);
+    replaceFile(file("a.plist"), hardware("usb:a"));
+    ASSERT_TRUE(becomes({"+usb:a"}));
+    std::filesystem::remove_all(folder.hardwareFolder());
+    ASSERT_TRUE(becomes({"+usb:a", "-usb:a"}));
+    replaceFile(file("a.plist"), hardware("usb:a"));
+    EXPECT_TRUE(becomes({"+usb:a", "-usb:a", "+usb:a"}));
+}
+
+TEST_F(HardwareTest, ChangeInPlaceIsNoEventAndIsSeenWhenAsked) {
+    replaceFile(file("a.plist"), hardware("usb:a", 2, kHead));
+    VellHardwareManagerOpen(manager());
+    ASSERT_TRUE(becomes({"+usb:a"}));
+    const auto device = static_cast<VellHardwareDeviceRef>(last.get());
+    const auto hasHead = [&] {
+        const Owned sibling(VellHardwareDeviceCopyFirstSiblingWithInfo(device, 0x971, 0x2000));
+        return sibling != nullptr;
+    };
+    EXPECT_TRUE(hasHead());
+    replaceFile(file("a.plist"), hardware("usb:a"));
+    EXPECT_FALSE(hasHead()); // at once, on any thread
+    replaceFile(file("a.plist"), hardware("usb:a", 2, kHead));
+    std::thread([&] { EXPECT_TRUE(hasHead()); }).join();
+    // A file that is half written is as it was.
+    std::ofstream(file("a.plist")) << hardware("usb:a").substr(0, 60);
+    runUntil([] { return false; }, std::chrono::milliseconds(30));
+    EXPECT_TRUE(hasHead());
+    EXPECT_THAT(events, ElementsAre("+usb:a"));
+}
+
+TEST_F(HardwareTest, CriteriaChooseAndWhatTheyLeaveOutMatches) {
+    replaceFile(file("a.plist"), hardware("usb:a", 2));
+    replaceFile(file("b.plist"), hardware("usb:b", 3));
+    replaceFile(file("c.plist"), hardware("usb:c", 3, "", "Printer"));
+    replaceFile(file("broken.plist"), "not a property list");
+    replaceFile(file("nameless.plist"), hardware(""));
+    const auto matching = [&](bool product, bool deviceClass) {
+        events.clear();
+        const Owned other(VellHardwareManagerCreate());
+        const auto observed = static_cast<VellHardwareManagerRef>(other.get());
+        const Owned criteria(VellDictionaryCreate());
+        const auto dictionary = static_cast<VellDictionaryRef>(criteria.get());
+        const Owned three(VellNumberCreateWithInteger(3));
+        if (product)
+            VellDictionarySetValueForKey(dictionary, kVellHardwareProductID, three.get());
+        if (deviceClass)
+            VellDictionarySetValueForKey(dictionary, kVellHardwareDeviceClass, constant("Scanner"));
+        watch(observed);
+        VellHardwareManagerSetDeviceMatchingCriteria(observed, dictionary);
+        VellHardwareManagerOpen(observed);
+        runSomePasses();
+        VellHardwareManagerClose(observed);
+        runSomePasses();
+        return events;
+    };
+    EXPECT_THAT(matching(false, false), ElementsAre("+usb:a", "+usb:b", "+usb:c"));
+    EXPECT_THAT(matching(true, false), ElementsAre("+usb:b", "+usb:c"));
+    EXPECT_THAT(matching(true, true), ElementsAre("+usb:b"));
+}
+
+TEST_F(HardwareTest, ClosingEndsDeliveryFromAnywhere) {
+    replaceFile(file("a.plist"), hardware("usb:a"));
+    replaceFile(file("b.plist"), hardware("usb:b"));
+    closesInCallback = true;
+    VellHardwareManagerOpen(manager());
+    runSomePasses();
+    EXPECT_EQ(events.size(), 1U);
+    closesInCallback = false;
+    VellHardwareManagerOpen(manager()); // anew: everything is reported again
+    ASSERT_TRUE(runUntil([&] { return events.size() == 3; }));
+    std::thread([&] { VellHardwareManagerClose(manager()); }).join();
+    std::filesystem::remove(file("a.plist"));
+    runUntil([] { return false; }, std::chrono::milliseconds(30));
+    EXPECT_EQ(events.size(), 3U);
+}
+
+} // namespace
