@@ -94,6 +94,9 @@ std::string none() {
     return {};
 }
 
+// The option text that this thread's caller was lent last.
+thread_local std::string lentText;
+
 } // namespace
 
 } // namespace TaviSDK
@@ -107,8 +110,6 @@ int Tavi_SetOption(const char* key, const char* value) {
 }
 
 const char* Tavi_GetOption(const char* key) {
-    // Lent until this thread's next call.
-    thread_local std::string lent;
     std::optional<std::string> text;
     const int status = TaviSDK::call(
         "Tavi_GetOption", [&] { return std::string(TaviSDK::orNull(key)); },
@@ -116,8 +117,8 @@ const char* Tavi_GetOption(const char* key) {
     if (status != 0 || !text) {
         return nullptr;
     }
-    lent = std::move(*text);
-    return lent.c_str();
+    TaviSDK::lentText = std::move(*text);
+    return TaviSDK::lentText.c_str();
 }
 
 int Tavi_IsTableConnected() {
