@@ -39,6 +39,10 @@ bool compares(eCompareType how, double value, double threshold) {
     return false;
 }
 
+void assertElements(const cMatrixDC& v, long count, const CallSite& site = CallSite::here()) {
+    mathAssert(v.numberOfElements() >= count, "v.numberOfElements() >= count", site);
+}
+
 double smaller(double a, double b) {
     return b < a ? b : a;
 }
@@ -116,7 +120,7 @@ void cMatrixDC::pickMathEngine() {
 }
 
 void cMatrixDC::setMathEngine(const cMathEngine* engine) {
-    MATH_ASSERT(engine != nullptr, "engine != nullptr");
+    mathAssert(engine != nullptr, "engine != nullptr");
     mMathEngine.reset(engine->copy());
 }
 
@@ -219,7 +223,7 @@ cMatrixDC cMatrixDC::getSubMatrix(long row) const {
 }
 
 cMatrixDC cMatrixDC::getSubMatrix(long r0, long r1, long c0, long c1) const {
-    MATH_ASSERT(r0 <= r1 && c0 <= c1, "(r0 <= r1) && (c0 <= c1)");
+    mathAssert(r0 <= r1 && c0 <= c1, "(r0 <= r1) && (c0 <= c1)");
     index(r1, c1);
     const double* first = data() + index(r0, c0);
     cMatrixDC result(r1 - r0 + 1, c1 - c0 + 1);
@@ -229,8 +233,8 @@ cMatrixDC cMatrixDC::getSubMatrix(long r0, long r1, long c0, long c1) const {
 }
 
 cMatrixDC cMatrixDC::getMatrixColumn(long c) const {
-    MATH_ASSERT(c >= 0, "c >= 0");
-    MATH_ASSERT(c < mItemSize, "c < mItemSize");
+    mathAssert(c >= 0, "c >= 0");
+    mathAssert(c < mItemSize, "c < mItemSize");
     cMatrixDC column(mNumItems, 1);
     for (long r = 0; r < mNumItems; ++r)
         column.data()[r] = itemAt(r)[c];
@@ -242,17 +246,17 @@ void cMatrixDC::getMatrixColumn(long c, cMatrixDC& out) const {
 }
 
 cMatrixDC cMatrixDC::combineRows(const cMatrixDC& mat2) const {
-    MATH_ASSERT(numberOfColumns() == mat2.numberOfColumns(), "numberOfColumns() == mat2.numberOfColumns()");
+    mathAssert(numberOfColumns() == mat2.numberOfColumns(), "numberOfColumns() == mat2.numberOfColumns()");
     return combineCollections(mat2);
 }
 
 cMatrixDC cMatrixDC::combineColumns(const cMatrixDC& mat2) const {
-    MATH_ASSERT(numberOfRows() == mat2.numberOfRows(), "numberOfRows() == mat2.numberOfRows()");
+    mathAssert(numberOfRows() == mat2.numberOfRows(), "numberOfRows() == mat2.numberOfRows()");
     return itemMerge(mat2);
 }
 
 cMatrixDC cMatrixDC::expandMatrix(long m, long n) const {
-    MATH_ASSERT(m >= 0 && n >= 0, "(m >= 0) && (n >= 0)");
+    mathAssert(m >= 0 && n >= 0, "(m >= 0) && (n >= 0)");
     cMatrixDC tiled(m * mNumItems, n * mItemSize);
     for (long r = 0; r < tiled.mNumItems; ++r) {
         double* out = tiled.itemAt(r);
@@ -263,7 +267,7 @@ cMatrixDC cMatrixDC::expandMatrix(long m, long n) const {
 }
 
 bool cMatrixDC::compareMatrixPart(const cMatrixDC& B, long r, long c, long rows) const {
-    MATH_ASSERT(rows >= 0 && rows <= B.mNumItems, "(rows >= 0) && (rows <= B.numberOfRows())");
+    mathAssert(rows >= 0 && rows <= B.mNumItems, "(rows >= 0) && (rows <= B.numberOfRows())");
     if (r < 0 || c < 0 || r > mNumItems - rows || c > mItemSize - B.mItemSize)
         return false;
     for (long i = 0; i < rows; ++i) {
@@ -282,12 +286,8 @@ void cMatrixDC::eachElement(Operation operation) {
 
 template <class Operation>
 void cMatrixDC::eachElement(const cMatrixDC& inmatrix1, Operation operation) {
-    MATH_ASSERT(sameSize(inmatrix1), "sameSize(inmatrix1)");
+    mathAssert(sameSize(inmatrix1), "sameSize(inmatrix1)");
     std::transform(data(), data() + numberOfElements(), inmatrix1.data(), data(), operation);
-}
-
-void cMatrixDC::assertElements(const cMatrixDC& v, long count) const {
-    MATH_ASSERT(v.numberOfElements() >= count, "v.numberOfElements() >= count");
 }
 
 cMatrixDC cMatrixDC::add(const cMatrixDC& inmatrix1) const {
@@ -357,7 +357,7 @@ void cMatrixDC::multiply(const cMatrixDC& inmatrix1) {
 }
 
 void cMatrixDC::multiply(const cMatrixDC& B, long row) {
-    MATH_ASSERT(row >= 0, "row >= 0");
+    mathAssert(row >= 0, "row >= 0");
     const long first = row * mItemSize;
     assertElements(B, first + numberOfElements());
     std::transform(data(), data() + numberOfElements(), B.data() + first, data(), std::multiplies<>());
@@ -407,7 +407,7 @@ cMatrixDC cMatrixDC::div(const cMatrixDC& inmatrix1) const {
 }
 
 void cMatrixDC::power(const cMatrixDC& inmatrix1) {
-    MATH_ASSERT(sameSize(inmatrix1), "sameSize(inmatrix1)");
+    mathAssert(sameSize(inmatrix1), "sameSize(inmatrix1)");
     mMathEngine->power(*this, inmatrix1, *this);
 }
 
@@ -451,9 +451,9 @@ void cMatrixDC::Max(const cMatrixDC& inmatrix1) {
 
 cMatrixDC cMatrixDC::chooseValue(eCompareType how, double t, const cMatrixDC& value1,
                                  const cMatrixDC& value2) const {
-    MATH_ASSERT(GetItemSize() == 1, "GetItemSize() == 1");
-    MATH_ASSERT(value1.sameSize(value2), "value1.sameSize(value2)");
-    MATH_ASSERT(mNumItems == value1.mNumItems, "GetNumItems() == value1.GetNumItems()");
+    mathAssert(GetItemSize() == 1, "GetItemSize() == 1");
+    mathAssert(value1.sameSize(value2), "value1.sameSize(value2)");
+    mathAssert(mNumItems == value1.mNumItems, "GetNumItems() == value1.GetNumItems()");
     cMatrixDC result(value1);
     for (long i = 0; i < mNumItems; ++i) {
         if (compares(how, data()[i], t))
@@ -485,7 +485,7 @@ void cMatrixDC::multiply(cMatrixDC& X, cMatrixDC& Y) {
 }
 
 void cMatrixDC::multiplySmall(const cMatrixDC& X, const cMatrixDC& Y) {
-    MATH_ASSERT(X.numberOfColumns() == Y.numberOfRows(), "X.numberOfColumns() == Y.numberOfRows()");
+    mathAssert(X.numberOfColumns() == Y.numberOfRows(), "X.numberOfColumns() == Y.numberOfRows()");
     if (this == &X || this == &Y) {
         cMatrixDC product;
         product.multiplySmall(X, Y);
@@ -570,8 +570,8 @@ int cMatrixDC::_ludcmp(double& d) {
 
 void cMatrixDC::_lubksb(double* b) const {
     const long n = mNumItems;
-    MATH_ASSERT(n == mItemSize && static_cast<long>(mPivotOrder.size()) == n,
-                "mPivotOrder.size() == mNumItems");
+    mathAssert(n == mItemSize && static_cast<long>(mPivotOrder.size()) == n,
+               "mPivotOrder.size() == mNumItems");
     for (long r = 0; r < n; ++r)
         std::swap(b[r], b[mPivotOrder[static_cast<std::size_t>(r)]]);
     for (long r = 1; r < n; ++r) {
@@ -646,7 +646,7 @@ bool cMatrixDC::solveAxEqB_LU(cMatrixDC& B, cMatrixDC& X) {
 }
 
 int cMatrixDC::singularValueDecomp(cMatrixDC& U, cMatrixDC& W, cMatrixDC& V, bool economy) {
-    MATH_ASSERT((mNumItems > 0) && (mItemSize > 0), kHasElements);
+    mathAssert((mNumItems > 0) && (mItemSize > 0), kHasElements);
     return mMathEngine->singularValueDecomp(*this, U, W, V, economy);
 }
 
@@ -695,23 +695,23 @@ double cMatrixDC::sum() const {
 }
 
 double cMatrixDC::mean() const {
-    MATH_ASSERT((mNumItems > 0) && (mItemSize > 0), kHasElements);
+    mathAssert((mNumItems > 0) && (mItemSize > 0), kHasElements);
     return sum() / static_cast<double>(numberOfElements());
 }
 
 double cMatrixDC::Max() const {
-    MATH_ASSERT((mNumItems > 0) && (mItemSize > 0), kHasElements);
+    mathAssert((mNumItems > 0) && (mItemSize > 0), kHasElements);
     return *std::max_element(data(), data() + numberOfElements());
 }
 
 double cMatrixDC::Min() const {
-    MATH_ASSERT((mNumItems > 0) && (mItemSize > 0), kHasElements);
+    mathAssert((mNumItems > 0) && (mItemSize > 0), kHasElements);
     return *std::min_element(data(), data() + numberOfElements());
 }
 
 template <class Better>
 cMatrixDC cMatrixDC::extremeOfRows(Better better, cDataCollectionInt* where) const {
-    MATH_ASSERT(mNumItems == 0 || mItemSize > 0, kHasElements);
+    mathAssert(mNumItems == 0 || mItemSize > 0, kHasElements);
     cMatrixDC extremes(mNumItems, 1);
     if (where != nullptr)
         where->resize(mNumItems, 1);
@@ -730,7 +730,7 @@ cMatrixDC cMatrixDC::extremeOfRows(Better better, cDataCollectionInt* where) con
 
 template <class Better>
 cMatrixDC cMatrixDC::extremeOfColumns(Better better, cDataCollectionInt* where) const {
-    MATH_ASSERT(mNumItems > 0 || mItemSize == 0, kHasElements);
+    mathAssert(mNumItems > 0 || mItemSize == 0, kHasElements);
     cMatrixDC extremes(1, mItemSize, mNumItems > 0 ? itemAt(0) : nullptr);
     std::vector<long> positions(static_cast<std::size_t>(mItemSize));
     for (long r = 1; r < mNumItems; ++r) {
@@ -771,14 +771,14 @@ cMatrixDC cMatrixDC::minColumns() const {
 }
 
 cMatrixDC cMatrixDC::meanOfItems() const {
-    MATH_ASSERT((mNumItems > 0) && (mItemSize > 0), kHasElements);
+    mathAssert((mNumItems > 0) && (mItemSize > 0), kHasElements);
     cMatrixDC means = sumColumns();
     means.divide(static_cast<double>(mNumItems));
     return means;
 }
 
 cMatrixDC cMatrixDC::median() const {
-    MATH_ASSERT((mNumItems > 0) && (mItemSize > 0), kHasElements);
+    mathAssert((mNumItems > 0) && (mItemSize > 0), kHasElements);
     cMatrixDC medians(1, mItemSize);
     for (long c = 0; c < mItemSize; ++c) {
         std::vector<double> values = getMatrixColumn(c).getVector();
@@ -856,7 +856,7 @@ cMatrixDC cMatrixDC::sortRow(bool descending, cDataCollectionInt& order) const {
 
 cMatrixDC cMatrixDC::sortRowByIndex(const cDataCollectionInt& order) const {
     const bool shared = order.GetNumItems() == 1;
-    MATH_ASSERT(shared || order.GetNumItems() == mNumItems, "order.GetNumItems() == mNumItems");
+    mathAssert(shared || order.GetNumItems() == mNumItems, "order.GetNumItems() == mNumItems");
     cMatrixDC sorted(mNumItems, order.GetItemSize());
     for (long r = 0; r < mNumItems; ++r) {
         for (long c = 0; c < sorted.mItemSize; ++c)
@@ -870,8 +870,8 @@ cMatrixDC cMatrixDC::sortRowByIndex(const cDataCollectionInt& order) const {
 cMatrixDC cMatrixDC::getPolyFitParams(const cMatrixDC& x, int order, bool throughOrigin) const {
     const long points = numberOfElements();
     const long lowest = throughOrigin ? 1 : 0;
-    MATH_ASSERT(x.numberOfElements() == points, "x.numberOfElements() == numberOfElements()");
-    MATH_ASSERT(order >= lowest, "order >= 0");
+    mathAssert(x.numberOfElements() == points, "x.numberOfElements() == numberOfElements()");
+    mathAssert(order >= lowest, "order >= 0");
     cMatrixDC powers(points, order + 1 - lowest);
     for (long i = 0; i < points; ++i) {
         double power = throughOrigin ? x.data()[i] : 1;

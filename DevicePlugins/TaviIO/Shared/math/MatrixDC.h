@@ -66,10 +66,10 @@ public:
     }
     // Position of an element in storage order.
     long index(long r, long c) const {
-        MATH_ASSERT(r >= 0, "r >= 0");
-        MATH_ASSERT(r < mNumItems, "r < mNumItems");
-        MATH_ASSERT(c >= 0, "c >= 0");
-        MATH_ASSERT(c < mItemSize, "c < mItemSize");
+        mathAssert(r >= 0, "r >= 0");
+        mathAssert(r < mNumItems, "r < mNumItems");
+        mathAssert(c >= 0, "c >= 0");
+        mathAssert(c < mItemSize, "c < mItemSize");
         return r * mItemSize + c;
     }
 
@@ -250,7 +250,6 @@ private:
     cMatrixDC extremeOfRows(Better better, cDataCollectionInt* where) const;
     template <class Better>
     cMatrixDC extremeOfColumns(Better better, cDataCollectionInt* where) const;
-    void assertElements(const cMatrixDC& v, long count) const;
     // The inverse, from the LU factors that A holds.
     cMatrixDC inverseOfFactors() const;
 

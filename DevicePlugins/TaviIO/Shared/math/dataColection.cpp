@@ -114,7 +114,7 @@ bool cDataCollection::changeItemOrder(const cDataCollectionInt& order) {
         return false;
     const long* from = order.data();
     for (long j = 0; j < mItemSize; ++j)
-        MATH_ASSERT(from[j] >= 0 && from[j] < mItemSize, "(order[j] >= 0) && (order[j] < mItemSize)");
+        mathAssert(from[j] >= 0 && from[j] < mItemSize, "(order[j] >= 0) && (order[j] < mItemSize)");
     std::vector<double> old(static_cast<std::size_t>(mItemSize));
     for (long i = 0; i < mNumItems; ++i) {
         double* item = itemAt(i);
@@ -163,9 +163,9 @@ void cDataCollection::SetItem(long i, const double* values) {
 }
 
 void cDataCollection::SetItemToItem(long toItemNum, long fromItemNum, const cDataCollection& fromDC) {
-    MATH_ASSERT((fromItemNum < fromDC.mNumItems) && (fromItemNum >= 0),
-                "(fromItemNum < fromDC.mNumItems) && (fromItemNum >=0)");
-    MATH_ASSERT(mItemSize == fromDC.mItemSize, "mItemSize == fromDC.mItemSize");
+    mathAssert((fromItemNum < fromDC.mNumItems) && (fromItemNum >= 0),
+               "(fromItemNum < fromDC.mNumItems) && (fromItemNum >=0)");
+    mathAssert(mItemSize == fromDC.mItemSize, "mItemSize == fromDC.mItemSize");
     SetItem(toItemNum, fromDC.itemAt(fromItemNum));
 }
 
@@ -175,8 +175,8 @@ void cDataCollection::setDescription(const DescriptionStruct* description) {
 }
 
 void cDataCollection::scramble() {
-    MATH_ASSERT(mNumItems <= std::numeric_limits<int>::max() && mItemSize <= std::numeric_limits<int>::max(),
-                "(mNumItems <= INT_MAX) && (mItemSize <= INT_MAX)");
+    mathAssert(mNumItems <= std::numeric_limits<int>::max() && mItemSize <= std::numeric_limits<int>::max(),
+               "(mNumItems <= INT_MAX) && (mItemSize <= INT_MAX)");
     scramble_array(data(), static_cast<int>(mNumItems), static_cast<int>(mItemSize));
 }
 

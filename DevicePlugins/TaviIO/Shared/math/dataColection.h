@@ -110,15 +110,16 @@ public:
     bool dumpToFile(const char* path, bool flag) const;
 
 private:
-    void assertElement(long itemNum, long elementNumber) const {
-        MATH_ASSERT((itemNum < mNumItems) && (itemNum >= 0) && (elementNumber < mItemSize) &&
-                        (elementNumber >= 0),
-                    "(itemNum < mNumItems) && (itemNum >=0) && (elementNumber < mItemSize) && "
-                    "(elementNumber >= 0)");
+    void assertElement(long itemNum, long elementNumber, const CallSite& site = CallSite::here()) const {
+        mathAssert((itemNum < mNumItems) && (itemNum >= 0) && (elementNumber < mItemSize) &&
+                       (elementNumber >= 0),
+                   "(itemNum < mNumItems) && (itemNum >=0) && (elementNumber < mItemSize) && "
+                   "(elementNumber >= 0)",
+                   site);
     }
-    void assertPosition(long position) const {
-        MATH_ASSERT(position < mNumItems * mItemSize, "position < mNumItems*mItemSize");
-        MATH_ASSERT(position >= 0, "position >= 0");
+    void assertPosition(long position, const CallSite& site = CallSite::here()) const {
+        mathAssert(position < mNumItems * mItemSize, "position < mNumItems*mItemSize", site);
+        mathAssert(position >= 0, "position >= 0", site);
     }
 
     std::unique_ptr<DescriptionStruct> mDescription;

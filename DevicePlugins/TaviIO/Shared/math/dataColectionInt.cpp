@@ -83,8 +83,8 @@ long cDataCollectionInt::getNearestItem(const long* item, double& distance) cons
 }
 
 void cDataCollectionInt::scramble() {
-    MATH_ASSERT(mNumItems <= std::numeric_limits<int>::max() && mItemSize <= std::numeric_limits<int>::max(),
-                "(mNumItems <= INT_MAX) && (mItemSize <= INT_MAX)");
+    mathAssert(mNumItems <= std::numeric_limits<int>::max() && mItemSize <= std::numeric_limits<int>::max(),
+               "(mNumItems <= INT_MAX) && (mItemSize <= INT_MAX)");
     scramble_array(data(), static_cast<int>(mNumItems), static_cast<int>(mItemSize));
 }
 

@@ -63,13 +63,13 @@ public:
     void print() const;
 
 private:
-    void assertElement(long itemNum, long elementNumber) const {
-        assertItem(itemNum);
-        MATH_ASSERT((elementNumber < mItemSize) && (elementNumber >= 0),
-                    "(elementNumber < mItemSize) && (elementNumber >= 0)");
+    void assertElement(long itemNum, long elementNumber, const CallSite& site = CallSite::here()) const {
+        assertItem(itemNum, site);
+        mathAssert((elementNumber < mItemSize) && (elementNumber >= 0),
+                   "(elementNumber < mItemSize) && (elementNumber >= 0)", site);
     }
-    void assertPosition(long position) const {
-        MATH_ASSERT((position < mNumItems * mItemSize) && (position >= 0),
-                    "(position < mNumItems*mItemSize) && (position >= 0)");
+    void assertPosition(long position, const CallSite& site = CallSite::here()) const {
+        mathAssert((position < mNumItems * mItemSize) && (position >= 0),
+                   "(position < mNumItems*mItemSize) && (position >= 0)", site);
     }
 };

@@ -35,8 +35,8 @@ public:
 
     // Removes an item and closes the gap; the room stays.
     void removeItem(long itemNumber) {
-        MATH_ASSERT(itemNumber >= 0, "itemNumber >=0");
-        MATH_ASSERT(itemNumber < mNumItems, "itemNumber < mNumItems");
+        mathAssert(itemNumber >= 0, "itemNumber >=0");
+        mathAssert(itemNumber < mNumItems, "itemNumber < mNumItems");
         std::copy(itemAt(itemNumber + 1), itemAt(mNumItems), itemAt(itemNumber));
         --mNumItems;
     }
@@ -61,7 +61,7 @@ protected:
     // Keeps the block when it is large enough, contents included; otherwise the contents are lost and
     // undefined.
     int resizeStorage(long items, long itemSize) {
-        MATH_ASSERT(items >= 0 && itemSize >= 0, "(items >= 0) && (itemSize >= 0)");
+        mathAssert(items >= 0 && itemSize >= 0, "(items >= 0) && (itemSize >= 0)");
         if (items == mNumItems && itemSize == mItemSize)
             return 0;
         const long room = mCapacity * mItemSize;
@@ -81,7 +81,7 @@ protected:
 
     // New room for exactly `items` items, filled from `values`, which may lie in this storage.
     void assign(long items, long itemSize, const Element* values) {
-        MATH_ASSERT(items >= 0 && itemSize >= 0, "(items >= 0) && (itemSize >= 0)");
+        mathAssert(items >= 0 && itemSize >= 0, "(items >= 0) && (itemSize >= 0)");
         auto fresh = allocate(items, itemSize, "mData");
         if (fresh != nullptr)
             std::copy_n(values, items * itemSize, fresh.get());
@@ -92,7 +92,7 @@ protected:
 
     // The same room, zeroed and holding no item yet.
     void reserve(long items, long itemSize) {
-        MATH_ASSERT(items >= 0 && itemSize >= 0, "(items >= 0) && (itemSize >= 0)");
+        mathAssert(items >= 0 && itemSize >= 0, "(items >= 0) && (itemSize >= 0)");
         mData = allocate(items, itemSize, "mData");
         if (mData != nullptr)
             std::fill_n(mData.get(), items * itemSize, Element{});
@@ -147,8 +147,8 @@ protected:
         return nearest;
     }
 
-    void assertItem(long itemNum) const {
-        MATH_ASSERT((itemNum < mNumItems) && (itemNum >= 0), "(itemNum < mNumItems) && (itemNum >=0)");
+    void assertItem(long itemNum, const CallSite& site = CallSite::here()) const {
+        mathAssert((itemNum < mNumItems) && (itemNum >= 0), "(itemNum < mNumItems) && (itemNum >=0)", site);
     }
 
     Element* itemAt(long itemNum) { return mData.get() + itemNum * mItemSize; }
@@ -173,7 +173,7 @@ private:
         std::unique_ptr<Element[]> block;
         if (count <= kMost)
             block.reset(new (std::nothrow) Element[static_cast<std::size_t>(count)]);
-        MATH_ASSERT(block != nullptr, text);
+        mathAssert(block != nullptr, text);
         return block;
     }
 

@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-void mathAssertionFailed(const char* text, const char* function, const char* file, int line) {
-    std::fprintf(stderr, "Assertion failed: (%s), function %s, file %s, line %d.\n", text, function, file,
-                 line);
+void mathAssertionFailed(const char* text, const CallSite& site) {
+    std::fprintf(stderr, "Assertion failed: (%s), function %s, file %s, line %d.\n", text, site.function,
+                 site.file, site.line);
     std::abort();
 }

@@ -15,7 +15,7 @@ namespace {
 template <class Operation>
 int intoElements(const cMatrixDC& A, cMatrixDC& out, Operation operation) {
     const long count = A.numberOfElements();
-    MATH_ASSERT(out.numberOfElements() >= count, "out.numberOfElements() >= A.numberOfElements()");
+    mathAssert(out.numberOfElements() >= count, "out.numberOfElements() >= A.numberOfElements()");
     for (long i = 0; i < count; ++i)
         out.data()[i] = operation(i);
     return 1;
@@ -79,7 +79,7 @@ int cMathEngine::multiply(const cMatrixDC& A, const cMatrixDC& B, cMatrixDC& C) 
     }
     const double* a = A.GetItem(0);
     const double* b = B.GetItem(0);
-    MATH_ASSERT(A.numberOfColumns() == B.numberOfRows(), "A.numberOfColumns() == B.numberOfRows()");
+    mathAssert(A.numberOfColumns() == B.numberOfRows(), "A.numberOfColumns() == B.numberOfRows()");
     C.resize(A.numberOfRows(), B.numberOfColumns());
     mathKernels::multiply(a, b, C.GetItem(0), A.numberOfRows(), A.numberOfColumns(), B.numberOfColumns());
     return 1;
@@ -104,7 +104,7 @@ int cMathEngine::multiply(const cMatrixDC& A, const cMatrixDC& B, cMatrixDC& C, 
 }
 
 int cMathEngine::power(const cMatrixDC& A, const cMatrixDC& E, cMatrixDC& out) {
-    MATH_ASSERT(E.numberOfElements() >= A.numberOfElements(), "E.numberOfElements() >= A.numberOfElements()");
+    mathAssert(E.numberOfElements() >= A.numberOfElements(), "E.numberOfElements() >= A.numberOfElements()");
     return intoElements(A, out, [&](long i) { return std::pow(A.data()[i], E.data()[i]); });
 }
 
@@ -141,7 +141,7 @@ double cMathEngine::norm(cMatrixDC& A) {
 }
 
 void cMathEngine::norm(cMatrixDC& A, cMatrixDC& out) {
-    MATH_ASSERT(out.numberOfElements() >= A.numberOfRows(), "out.numberOfElements() >= A.numberOfRows()");
+    mathAssert(out.numberOfElements() >= A.numberOfRows(), "out.numberOfElements() >= A.numberOfRows()");
     const long columns = A.numberOfColumns();
     const std::vector<double> values = A.getVector(); // `out` may be A itself
     for (long r = 0; r < A.numberOfRows(); ++r)

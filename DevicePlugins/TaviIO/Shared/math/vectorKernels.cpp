@@ -5,6 +5,7 @@
 #include <cmath>
 #include <memory>
 #include <type_traits>
+#include <vector>
 
 namespace mathKernels {
 namespace {
@@ -188,14 +189,15 @@ MATH_KERNEL_SET(Avx2, [[gnu::target("avx2")]], Vector4, 4, 2)
 MATH_KERNEL_SET(Avx512, [[gnu::target("avx512f")]], Vector8, 8, 3)
 #endif
 
-const KernelSet& chooseKernels() {
+std::vector<const KernelSet*> findSupported() {
+    std::vector<const KernelSet*> sets{&Baseline::kSet};
 #if defined(__x86_64__)
-    if (__builtin_cpu_supports("avx512f"))
-        return Avx512::kSet;
     if (__builtin_cpu_supports("avx2"))
-        return Avx2::kSet;
+        sets.push_back(&Avx2::kSet);
+    if (__builtin_cpu_supports("avx512f"))
+        sets.push_back(&Avx512::kSet);
 #endif
-    return Baseline::kSet;
+    return sets;
 }
 
 // --- Product of large matrices: blocks of A and B are copied into the order in which the tiles read them, so
@@ -270,19 +272,24 @@ long roundUp(long n, long step) {
 
 } // namespace
 
-const KernelSet& kernels() {
-    static const KernelSet& chosen = chooseKernels();
-    return chosen;
+std::span<const KernelSet* const> supportedKernels() {
+    static const std::vector<const KernelSet*> supported = findSupported();
+    return supported;
 }
 
-void multiply(const double* a, const double* b, double* c, long rows, long depth, long columns) {
+const KernelSet& kernels() {
+    static const KernelSet& widest = *supportedKernels().back();
+    return widest;
+}
+
+void multiply(const double* a, const double* b, double* c, long rows, long depth, long columns,
+              const KernelSet& set) {
     std::fill_n(c, rows * columns, 0.0);
     if (rows < 4 || rows * depth * columns < kSmallProduct) {
         for (long r = 0; r < rows; ++r)
             addCombination(c + r * columns, columns, a + r * depth, b, columns, depth);
         return;
     }
-    const KernelSet& set = kernels();
     const long mostDepth = std::min(depth, kBlockDepth);
     const long mostRows = roundUp(std::min(rows, kBlockRows), set.tileRows);
     const long mostColumns = roundUp(std::min(columns, kBlockColumns), set.tileColumns);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <span>
+
 // The inner loops of the library on plain arrays of doubles, compiled for several vector widths; the widest
 // one that the processor has is chosen when the program runs. The results do not depend on that choice:
 // nothing is fused or reordered but the sums of dot(), which always run in the same sixteen lanes. Arrays
@@ -27,6 +29,8 @@ struct KernelSet {
     long tileRows;
     long tileColumns;
 };
+// The sets that this processor can run, the widest one last; and that one.
+std::span<const KernelSet* const> supportedKernels();
 const KernelSet& kernels();
 
 // Sum of x(i) y(i).
@@ -77,7 +81,8 @@ inline void rotateRows(double* rows, long stride, long length, const Rotation* r
 
 // C (rows x columns) = A (rows x depth) B (depth x columns), all stored row by row. Every element is the sum
 // of its products in ascending order.
-void multiply(const double* a, const double* b, double* c, long rows, long depth, long columns);
+void multiply(const double* a, const double* b, double* c, long rows, long depth, long columns,
+              const KernelSet& set = kernels());
 
 // The length of (a, b), without overflow or underflow on the way.
 double hypotenuse(double a, double b);
