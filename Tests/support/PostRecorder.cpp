@@ -107,6 +107,13 @@ int statusPosts() {
     return gStatusPosts;
 }
 
+VellDataRef copyLastPostedData() {
+    const std::lock_guard lock(gLock);
+    if (gResponses.empty())
+        return nullptr;
+    return static_cast<VellDataRef>(VellRetain(VellDeviceCommandResponseGetData(gResponses.back())));
+}
+
 void clearPosts() {
     const std::lock_guard lock(gLock);
     for (const VellDeviceCommandResponseRef response : gResponses)

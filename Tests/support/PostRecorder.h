@@ -30,6 +30,8 @@ struct Post {
 std::vector<Post> posts();
 std::vector<Post> postsFor(const std::string& command);
 int statusPosts();
+// The data that the last response carried; the caller releases it. Null when there was none.
+VellDataRef copyLastPostedData();
 void clearPosts();
 
 } // namespace test
