@@ -48,7 +48,9 @@ private:
     // The library ends the process over a key with a null character, and to everybody else a text ends there.
     std::optional<Object> text(std::uint64_t position, std::uint64_t count, std::uint64_t unit) const {
         auto object = leaf(position, count, unit);
-        for (std::uint64_t i = 0; object && i < count; ++i) {
+        if (object && unit == 1 && mBytes.substr(position, count).find('\0') != std::string_view::npos)
+            object.reset();
+        for (std::uint64_t i = 0; object && unit > 1 && i < count; ++i) {
             if (number(position + i * unit, unit) == 0)
                 object.reset();
         }
@@ -229,7 +231,8 @@ bool PropertyListGuard::isSafeBinary(std::string_view bytes) {
 }
 
 bool PropertyListGuard::isSafeXml(std::string_view bytes) {
-    return bytes.size() <= kMaximumSize && XmlScanner(bytes).isShallow();
+    return bytes.size() <= kMaximumSize && bytes.find('\0') == std::string_view::npos &&
+           XmlScanner(bytes).isShallow();
 }
 
 } // namespace VellService

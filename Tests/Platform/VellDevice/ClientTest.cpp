@@ -71,7 +71,7 @@ TEST_F(ClientTest, FindsMirrorsAndLosesPluginsAndFindsThemAgain) {
         ASSERT_NE(device, nullptr);
         EXPECT_EQ(VellDeviceGetAvailable(device), 1);
         send(device, "Quit");
-        ASSERT_TRUE(runUntil([&] { return events.size() == 2; }));
+        ASSERT_TRUE(runUntil([&] { return responses.size() == 1; }));
         EXPECT_EQ(textOf(VellDeviceGetMode(device)), "Quit");
     }
     ASSERT_TRUE(runUntil([&] { return events.size() == 3; }));
