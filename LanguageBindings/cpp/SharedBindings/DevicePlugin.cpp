@@ -153,7 +153,8 @@ void DevicePlugin::start() {
         mRunLoopRunning = !endedMeanwhile;
     }
     if (endedMeanwhile) {
-        endParentWatch(); // the thread that ended it leaves nothing half done
+        endParentWatch(); // the thread that ended it leaves nothing half done,
+        DeviceCenter::sharedDeviceCenter()->stopRunLoop(); // and what was opened after its stop closes too
         return;
     }
     DeviceCenter::sharedDeviceCenter()->startRunLoop();
