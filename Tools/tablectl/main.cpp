@@ -61,8 +61,9 @@ int perform(const Action& action, Context& context) {
 }
 
 int run(const Options& options, const Action& action) {
-    // A closed pipe is an error like any other, or the head would stay where it is.
+    // A closed pipe and a full disk are errors like any other, or the head would stay where it is.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     Session* session = nullptr;
     std::atomic<int> early{0};
     std::mutex mutex; // guards `session`

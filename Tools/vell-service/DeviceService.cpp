@@ -55,10 +55,13 @@ void DeviceService::hardwareRemoved(VellHardwareManagerRef, VellHardwareDeviceRe
 }
 
 void DeviceService::deviceChanged(void*, VellDeviceRef device, unsigned event) {
+    constexpr unsigned kAppeared = 1;
+    constexpr unsigned kGone = 3;
     const std::string path = tools::textOf(VellDeviceGetPath(device));
-    static constexpr const char* kEvents[] = {"", "connected", "status", "closed"};
-    if (event >= 1 && event <= 3)
-        logDetail("%s: %s", path.c_str(), kEvents[event]);
+    if (event == kAppeared)
+        logDetail("%s: connected", path.c_str());
+    else if (event == kGone)
+        logDetail("%s: closed", path.c_str());
 }
 
 void DeviceService::attached(VellHardwareDeviceRef device) {

@@ -1,0 +1,149 @@
+"""Every command of tablectl, and several clients at one device."""
+
+import json
+import os
+import signal
+import subprocess
+import unittest
+
+from support import Chart, ToolsTest, read_measurements, wait_until
+
+
+class CommandsTest(ToolsTest):
+    def setUp(self):
+        super().setUp()
+        self.start_service()
+        self.chart = Chart(2, 4)
+        self.file = self.attach("usb:table", Chart=self.write_chart(self.chart), SerialNumber="S-1")
+        self.client = self.connect()
+
+    def test_looking(self):
+        self.assertRegex(self.tablectl("list")[0], r"^usb:table  \S.*S-1.*not calibrated\n$")
+        listed = json.loads(self.tablectl("--json", "list")[0])
+        self.assertEqual((listed["Path"], listed["SerialNumber"]), ("usb:table", "S-1"))
+        status = json.loads(self.tablectl("--json", "status")[0])
+        self.assertEqual(status["Attributes"]["DevicePath"], "usb:table")
+        self.assertEqual(self.tablectl("get", "SerialNumber")[0], "S-1\n")
+        self.assertEqual(self.tablectl("get", "Mode", "Beep")[0], "Mode=SingleReflectance\nBeep=yes\n")
+        self.tablectl("get", "Nothing", status=1)
+        commands = self.tablectl("commands")[0].splitlines()
+        self.assertEqual(commands[0], "GetCommands")
+        self.assertIn("SetDevicePosition  x y", commands)
+
+    def test_moving_and_setting(self):
+        self.tablectl("move", "12.5", "7")
+        self.assertEqual(self.tablectl("position")[0], "12.500000 7.000000\n")
+        self.assertEqual(json.loads(self.tablectl("--json", "position")[0]), {"x": 12.5, "y": 7.0})
+        self.tablectl("home")
+        _, error = self.tablectl("move", "1e9", "7", status=1)
+        self.assertRegex(error, r"^tablectl: SetDevicePosition: \d+: \S.*\n$")
+        self.tablectl("set", "Beep", "No")
+        self.assertEqual(self.tablectl("get", "Beep")[0], "no\n")
+        self.assertIn("SetAttribute: 1: ", self.tablectl("set", "Nonsense", "1", status=1)[1])
+        self.tablectl("mode", "ScanningReflectance")
+        self.assertEqual(self.tablectl("get", "Mode")[0], "ScanningReflectance\n")
+        self.assertIn("SetMode: 7: ", self.tablectl("mode", "Nonsense", status=1)[1])
+        self.tablectl("calibrate")
+        self.assertEqual(self.tablectl("get", "CalibrationStatus")[0], "1\n")
+        self.tablectl("cancel")
+        self.tablectl("reset")
+
+    def test_sending_anything(self):
+        self.assertEqual(self.tablectl("send", "Quit")[0], "Quit: 0\n")
+        self.assertIn("Nonsense: 15: ", self.tablectl("send", "Nonsense", status=1)[1])
+        self.tablectl("send", "Measure", "Rows", status=2)
+        self.tablectl("calibrate")
+        self.tablectl("mode", "ScanningReflectance")
+        arguments = [f"{key}={value}" for key, value in self.chart.arguments().items()]
+        rows = self.tablectl("send", "Measure", *arguments)[0]
+        self.assertEqual(rows.count("Measure: 0"), 2)
+        self.assertEqual(rows.count(" Lab "), 8)
+        for name, value in (("Rows", "0"), ("Columns", "-1")):
+            self.assertIn("Measure: 22: ", self.tablectl("send", "Measure", *arguments, f"{name}={value}", status=1)[1])
+        for value in ("nan", "inf", "4000"):
+            with self.subTest(value):
+                _, error = self.tablectl("send", "Measure", *arguments, f"TopLeftX={value}", status=1)
+                self.assertRegex(error, r"Measure: \d+: \S")
+                wait_until(lambda: self.client.call("GetDevicePosition")["Message"] == "0.000000,0.000000")
+
+    def test_devices_that_are_not_there(self):
+        self.assertIn("no such device", self.tablectl("--device", "usb:other", "status", status=3)[1])
+        for arguments in ([], ["nonsense"], ["get"], ["move", "1"], ["move", "x", "1"], ["scan"], ["lock", "-1"]):
+            self.tablectl(*arguments, status=2)
+        os.remove(self.file)
+        wait_until(lambda: not self.sockets())
+        _, error = self.tablectl("status", status=3)
+        self.assertIn("no device in " + self.runtime, error)
+
+    def test_a_lock_keeps_other_clients_out(self):
+        holder = self.start("tablectl", "lock", "600")
+        self.client.status(lambda record: record["LockHolder"] == str(holder.pid))
+        for arguments in (["home"], ["scan", self.path("chart.txt")]):
+            _, error = self.tablectl(*arguments, status=1)
+            self.assertRegex(error, rf"-1022: .*locked by .*process {holder.pid} \(tablectl\)")
+        self.assertIn(f"locked by {holder.pid}", self.tablectl("list")[0])
+        self.tablectl("status")
+        holder.send_signal(signal.SIGINT)
+        self.assertEqual(holder.wait(60), 128 + signal.SIGINT)
+        self.tablectl("home")
+
+    def test_a_spectrophotometer_lifted_off_and_put_back(self):
+        self.tablectl("calibrate")
+        self.tablectl("simulate", "--spectrophotometer", "off")
+        self.client.status(lambda record: record["SerialNumber"] == "")
+        self.assertIn("Calibrate: 35: no spectrophotometer on the table\n", self.tablectl("calibrate", status=1)[1])
+        self.assertIn("SetMode: 35: ", self.tablectl("mode", "ScanningReflectance", status=1)[1])
+        self.tablectl("move", "10", "10")
+        self.assertIn("no spectrophotometer", self.tablectl("list")[0])
+        self.tablectl("simulate", "--spectrophotometer", "on")
+        record = self.client.status(lambda record: record["SerialNumber"] == "S-1")
+        self.assertEqual(record["CalibrationStatus"], 0)
+        self.tablectl("scan", self.path("chart.txt"), "--output", self.path("out.txt"))
+        self.assertEqual(len(read_measurements(self.path("out.txt"))), 8)
+
+    def test_watching_ends_with_the_device(self):
+        watch = self.start("tablectl", "--json", "status", "--watch", stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.assertEqual(json.loads(watch.stdout.readline())["Attributes"]["Beep"], "yes")
+        self.tablectl("set", "Beep", "no")
+        while json.loads(watch.stdout.readline())["Attributes"]["Beep"] != "no":
+            pass
+        os.remove(self.file)
+        _, error = watch.communicate(timeout=60)
+        self.assertEqual(watch.returncode, 1)
+        self.assertIn("the device went away", error)
+
+    def test_the_virtual_instrument_follows_its_settings(self):
+        shown = json.loads(self.tablectl("--json", "simulate")[0])
+        self.assertEqual(shown["SerialNumber"], "S-1")
+        self.tablectl("simulate", "--serial", "S-2", "--fault", "Tavi_Calibrate:1:6")
+        self.client.status(lambda record: record["SerialNumber"] == "S-2")
+        self.assertIn("Calibrate: 16: ", self.tablectl("calibrate", status=1)[1])
+        self.tablectl("calibrate")
+        self.tablectl("set", "AutoCalibratesOnButtonPress", "yes")
+        self.tablectl("simulate", "--press")
+        self.assertEqual(wait_until(lambda: self.next_response())["Name"], "BeginMeasure")
+        self.tablectl("simulate", "--table", "sideways", status=2)
+        self.tablectl("simulate", "--attach", "usb:table", status=1)
+        self.tablectl("simulate", "--detach")
+        self.tablectl("simulate", status=3)
+
+    def next_response(self):
+        frame = self.client.receive()
+        return frame if frame["Type"] == "Response" and frame["Name"].startswith("BeginM") else None
+
+    def test_two_tables_measure_two_charts_at_once(self):
+        other = Chart(3, 5, seed=2)
+        self.attach("usb:second", Chart=self.write_chart(other, "other.txt"), SerialNumber="S-2")
+        wait_until(lambda: len(self.tablectl("list")[0].splitlines()) == 2, "the second table")
+        _, error = self.tablectl("home", status=2)
+        self.assertRegex(error, "name one.*usb:second.*usb:table")
+        scans = [self.start("tablectl", "--device", device, "scan", self.path(chart), "--output", self.path(output),
+                            stderr=subprocess.DEVNULL)
+                 for device, chart, output in (("usb:table", "chart.txt", "1.txt"), ("S-2", "other.txt", "2.txt"))]
+        self.assertEqual([scan.wait(60) for scan in scans], [0, 0])
+        self.assertEqual(len(read_measurements(self.path("1.txt"))), 8)
+        self.assertEqual(len(read_measurements(self.path("2.txt"))), 15)
+
+
+if __name__ == "__main__":
+    unittest.main()

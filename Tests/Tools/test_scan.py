@@ -1,0 +1,206 @@
+"""Charts measured end to end: tablectl, the service, the plug-in and a virtual table."""
+
+import glob
+import json
+import math
+import os
+import resource
+import signal
+import unittest
+
+from support import BANDS, Chart, ToolsTest, read_measurements, single, wait_until
+
+
+class ScanTest(ToolsTest):
+    def measure(self, chart, *options, on_table=None):
+        """Scans the chart on a table that holds it; the readings of the file."""
+        layout = self.write_chart(chart)
+        simulated = self.write_chart(on_table, "table.txt") if on_table else layout
+        output = self.path("out.txt")
+        self.tablectl("--simulated", simulated, "scan", layout, "--time-scale", "0", "--output", output, *options)
+        return read_measurements(output)
+
+    def assert_measured(self, readings, chart, spots=1, rows=None):
+        rows = range(chart.rows) if rows is None else rows
+        expected = [(row, column, spot) for row, column in chart.spectra if row in rows for spot in range(spots)]
+        self.assertEqual([tuple(int(r[key]) for key in ("ROW", "COLUMN", "SPOT_INDEX")) for r in readings], expected)
+        for reading, (row, column, _) in zip(readings, expected):
+            self.assertEqual(reading["SAMPLE_ID"], f"P{row}-{column}")
+            measured = [single(float(reading[f"SPECTRAL_NM{band}"])) for band in BANDS]
+            self.assertEqual(measured, [single(value) for value in chart.spectra[row, column]], (row, column))
+
+    def test_every_shape_of_chart_gives_its_own_spectra(self):
+        shapes = {
+            "4 by 6": Chart(4, 6),
+            "turned": Chart(4, 8, angle=0.2),
+            "turned the other way": Chart(3, 8, angle=-0.15, origin=(60, 90)),
+            "leaning": Chart(4, 7, skew=0.15, origin=(70, 40)),
+            "short last row": Chart(3, 9, last=4),
+            "short last row, turned": Chart(3, 9, last=5, angle=0.12),
+            "last row of one patch": Chart(3, 6, last=1),
+            "one row": Chart(1, 7),
+            "one column": Chart(5, 1),
+            "one patch": Chart(1, 1),
+            "small patches": Chart(3, 12, pitch=8.0),
+        }
+        for name, chart in shapes.items():
+            with self.subTest(name):
+                self.assert_measured(self.measure(chart), chart)
+
+    def test_spot_readings_count_at_most_five_each(self):
+        chart = Chart(2, 3, angle=0.1)
+        for count in (1, 3, 5, 9):
+            with self.subTest(count=count):
+                self.assert_measured(self.measure(chart, "--spot", str(count)), chart, spots=min(count, 5))
+
+    def test_rows_one_by_one(self):
+        chart = Chart(4, 6, last=3)
+        self.assert_measured(self.measure(chart, "--rows", "0-3"), chart)
+        self.assert_measured(self.measure(chart, "--rows", "1-2", "--low-resolution"), chart, rows=(1, 2))
+        self.assert_measured(self.measure(chart, "--rows", "2", "--spot", "2"), chart, spots=2, rows=(2,))
+
+    def test_grey_has_the_lightness_of_its_reflectance(self):
+        chart = Chart(2, 2)
+        for index, cell in enumerate(chart.spectra):
+            chart.spectra[cell] = [(1.0, 0.5, 0.18, 0.04)[index]] * 36
+        for reading in self.measure(chart):
+            reflectance = float(reading["SPECTRAL_NM500"])
+            self.assertAlmostEqual(float(reading["LAB_L"]), 116 * math.cbrt(single(reflectance)) - 16, places=4)
+            self.assertAlmostEqual(float(reading["LAB_A"]), 0, places=4)
+            self.assertAlmostEqual(float(reading["LAB_B"]), 0, places=4)
+
+    def test_equal_neighbours_are_read_by_spots_and_reported(self):
+        chart = Chart(3, 5)
+        chart.spectra[1, 2] = chart.spectra[1, 3]
+        layout = self.write_chart(chart)
+        events, _ = self.tablectl("--simulated", layout, "--json", "scan", layout, "--time-scale", "0", "--output",
+                                  self.path("out.txt"))
+        events = [json.loads(line) for line in events.splitlines()]
+        self.assertEqual([event["event"] for event in events],
+                         ["calibrating", "begin", "row", "row", "row", "done"])
+        self.assertEqual([event["spot"] for event in events if event["event"] == "row"], [False, True, False])
+        self.assert_measured(read_measurements(self.path("out.txt")), chart)
+
+    def test_without_an_output_file_the_readings_go_to_standard_output(self):
+        chart = Chart(1, 3)
+        layout = self.write_chart(chart)
+        text, _ = self.tablectl("--simulated", layout, "scan", layout, "--time-scale", "0")
+        with open(self.path("piped.txt"), "w") as file:
+            file.write(text)
+        self.assert_measured(read_measurements(self.path("piped.txt")), chart)
+
+    def test_layouts_that_make_no_sense(self):
+        good = Chart(2, 2).text()
+        broken = {
+            "rows": (good.replace("CHART_ROWS 2", "CHART_ROWS 0"), 2),
+            "patch twice": (good.replace("P0-1 0 1", "P0-1 0 0"), 15),
+            "nan": (good.replace('"40.0 40.0"', '"nan 40.0"'), 5),
+            "no number": (good.replace("P1-0 1 0 0", "P1-0 1 0 x"), 16),
+        }
+        for name, (text, line) in broken.items():
+            with self.subTest(name):
+                with open(self.path("bad.txt"), "w") as file:
+                    file.write(text)
+                for arguments in (["scan", self.path("bad.txt")], ["--simulated", self.path("bad.txt"), "list"]):
+                    _, error = self.tablectl(*arguments, status=2)
+                    self.assertRegex(error, rf"bad\.txt:{line}: \w")
+        _, error = self.tablectl("scan", self.path("none.txt"), status=2)
+        self.assertIn("none.txt: ", error)
+
+    def test_a_chart_off_the_table_fails_with_the_instruments_text(self):
+        outside = Chart(2, 3, origin=(5000.0, 40.0))
+        layout = self.write_chart(outside)
+        _, error = self.tablectl("--simulated", layout, "scan", layout, "--time-scale", "0", "--output",
+                                 self.path("out.txt"), status=1)
+        self.assertRegex(error, r"tablectl: Measure: \d+: .*5000")
+        self.assertEqual(read_measurements(self.path("out.txt")), [])
+
+    def test_nothing_is_left_of_a_simulation(self):
+        layout = self.write_chart(Chart(1, 2))
+        self.tablectl("--simulated", layout, "status")
+        process = self.start("tablectl", "--simulated", layout, "lock", "600")
+        wait_until(lambda: glob.glob(self.path("tablectl-*/*.sock")), "a plug-in")
+        process.kill()
+        # The service and its plug-in end with the program that they were for, even when it is killed.
+        wait_until(lambda: not glob.glob(self.path("tablectl-*")), "the end of the folder")
+
+
+class InterruptedScanTest(ToolsTest):
+    def start_scan(self, *options, **redirections):
+        """A scan that takes its time, with its first row measured."""
+        self.chart = Chart(8, 10)
+        layout = self.write_chart(self.chart)
+        self.start_service()
+        self.attach("usb:table", Chart=layout)
+        client = self.connect()
+        self.tablectl("calibrate")
+        self.tablectl("simulate", "--time-scale", "0.3")
+        scan = self.start("tablectl", "scan", layout, *options, **redirections)
+        return scan, client
+
+    def wait_for_rows(self, count):
+        # A new run of the file's writing may just be under way; the file is whole after each row.
+        def rows():
+            try:
+                return len({reading["ROW"] for reading in read_measurements(self.path("out.txt"))}) >= count
+            except (OSError, AssertionError, ValueError):
+                return False
+        wait_until(rows, "a row")
+
+    def assert_device_is_free(self, client):
+        """The head is home, nobody holds the lock, and the next scan works."""
+        self.tablectl("simulate", "--time-scale", "0")
+        self.assertEqual(client.call("GetDevicePosition")["Message"], self.home)
+        self.assertEqual(self.tablectl("get", "LockHolder")[0], "\n")
+        self.tablectl("scan", self.path("chart.txt"), "--output", self.path("next.txt"))
+        self.assertEqual(len(read_measurements(self.path("next.txt"))), 80)
+
+    def setUp(self):
+        super().setUp()
+        self.home = "0.000000,0.000000"
+
+    def test_interrupts_keep_the_rows_that_arrived(self):
+        scan, client = self.start_scan("--output", self.path("out.txt"), stderr=-1)
+        self.wait_for_rows(2)
+        scan.send_signal(signal.SIGINT)
+        _, error = scan.communicate()
+        self.assertEqual(scan.returncode, 128 + signal.SIGINT)
+        self.assertIn("of 8 rows", error)
+        readings = read_measurements(self.path("out.txt"))
+        self.assertGreaterEqual(len(readings), 20)
+        self.assertLess(len(readings), 80)
+        self.assert_device_is_free(client)
+
+    def test_a_full_disk_ends_the_scan_with_the_rows_that_fit(self):
+        limit = 9000  # bytes: two rows
+        scan, client = self.start_scan("--output", self.path("out.txt"), stderr=-1, preexec_fn=lambda: (
+            resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))))
+        _, error = scan.communicate()
+        self.assertEqual(scan.returncode, 1)
+        self.assertIn("out.txt: ", error)
+        self.assertEqual(len(read_measurements(self.path("out.txt"))), 20)
+        self.assert_device_is_free(client)
+
+    def test_a_closed_pipe_ends_the_scan(self):
+        reader, writer = os.pipe()
+        scan, client = self.start_scan("--json", "--output", self.path("out.txt"), stdout=writer, stderr=-1)
+        os.close(writer)
+        self.wait_for_rows(1)
+        os.close(reader)
+        _, error = scan.communicate()
+        self.assertEqual(scan.returncode, 1)
+        self.assertIn("standard output: Broken pipe", error)
+        self.assert_device_is_free(client)
+
+    def test_a_device_that_dies_leaves_the_rows_before(self):
+        scan, _ = self.start_scan("--output", self.path("out.txt"), stderr=-1)
+        self.wait_for_rows(1)
+        os.kill(self.plugin_processes()[0], signal.SIGKILL)
+        _, error = scan.communicate()
+        self.assertEqual(scan.returncode, 1)
+        self.assertIn("the device went away", error)
+        self.assertGreaterEqual(len(read_measurements(self.path("out.txt"))), 10)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,167 @@
+"""The service and its plug-in processes: starting, restarting, ending, and what is left of them."""
+
+import glob
+import os
+import pathlib
+import re
+import signal
+import subprocess
+import unittest
+
+from support import BIN, TABLE, Chart, Client, ToolsTest, is_running, wait_until
+
+
+class ServiceTest(ToolsTest):
+    def lock_files(self):
+        """Lock files of plug-ins: named by a hash of the path, or by the family."""
+        return [name for name in glob.glob("/tmp/*") if re.fullmatch(r"/tmp/(-?\d+|tavi_table)", name)]
+
+    def assert_nothing_left(self, processes):
+        wait_until(lambda: not any(map(is_running, processes)), "the end of the plug-ins")
+        self.assertEqual(self.sockets(), [])
+
+    def test_a_killed_service_takes_its_plugins_with_it(self):
+        before = set(self.lock_files())
+        service = self.start_service()
+        self.attach("usb:1")
+        self.attach("usb:2")
+        wait_until(lambda: len(self.sockets()) == 2, "two plug-ins")
+        for path in self.sockets():
+            client = Client(path)
+            self.addCleanup(client.close)
+            client.status()
+        service.kill()
+        self.assert_nothing_left(self.plugin_processes())
+        self.assertEqual(set(self.lock_files()) - before, set())
+        self.assertEqual(sorted(os.listdir(self.runtime)), ["hardware", "log"])
+
+    def test_ending_the_service_ends_its_plugins_even_in_a_scan(self):
+        layout = self.write_chart(Chart(6, 8))
+        service = self.start_service()
+        self.attach("usb:table", Chart=layout)
+        client = self.connect()
+        client.call("Calibrate")
+        client.call("SetMode", {"Mode": "ScanningReflectance"})
+        self.tablectl("simulate", "--time-scale", "0.2")
+        client.response(client.send("Measure", Chart(6, 8).arguments()))
+        service.terminate()
+        self.assertEqual(service.wait(60), 0)
+        self.assert_nothing_left(self.plugin_processes())
+        self.assertEqual(len(self.log_lines("exit status 0")), 1)
+
+    def test_a_stuck_plugin_is_killed_and_its_socket_removed(self):
+        service = self.start_service()
+        self.attach("usb:table")
+        self.connect()
+        os.kill(self.plugin_processes()[0], signal.SIGSTOP)
+        service.send_signal(signal.SIGINT)
+        wait_until(lambda: self.log_lines("ending"), "the end")
+        service.send_signal(signal.SIGINT)  # the user does not want to wait
+        self.assertEqual(service.wait(60), 0)
+        self.assert_nothing_left(self.plugin_processes())
+
+    def test_a_device_that_is_detached_ends_with_0_and_comes_back(self):
+        self.start_service()
+        file = self.attach("usb:table")
+        self.connect()
+        os.remove(file)
+        wait_until(lambda: self.log_lines("exit status 0"), "the end of the plug-in")
+        self.assert_nothing_left(self.plugin_processes())
+        self.attach("usb:table")
+        self.connect()
+        self.assertEqual(len(self.plugin_processes()), 2)
+
+    def test_a_device_attached_again_while_its_plugin_still_ends(self):
+        del self.environment["LD_PRELOAD"]  # the plug-in takes its second to disconnect
+        self.start_service()
+        file = self.attach("usb:table")
+        log = os.path.join(self.runtime, "log", self.connect().record["Attributes"]["DeviceLogName"])
+        os.remove(file)
+        wait_until(lambda: "didDetach" in pathlib.Path(log).read_text(), "the removal")
+        self.attach("usb:table")
+        wait_until(lambda: len(self.plugin_processes()) == 2, "the next plug-in")
+        self.assertEqual([line.split()[-1] for line in self.log_lines(": ") if "tached" in line],
+                         ["attached", "detached", "attached"])
+
+    def test_a_table_of_another_name_is_tried_again_after_growing_pauses(self):
+        self.start_service("--restart-pause", "0.02")
+        file = self.attach("usb:table", Identifier="usb:other")
+        wait_until(lambda: len(self.log_lines("starts again")) >= 4, "restarts")
+        pauses = [float(line.split(" in ")[1].split()[0]) for line in self.log_lines("starts again")]
+        self.assertEqual(pauses[:4], [0.02, 0.04, 0.08, 0.16])
+        self.assertIn("exit status 4", self.log_lines("ended")[0])
+        self.attach("usb:table")
+        self.connect()
+        os.remove(file)
+
+    def test_a_plugin_that_crashes_is_started_again_and_one_that_was_asked_to_end_is_not(self):
+        self.start_service("--restart-pause", "0.02")
+        self.attach("usb:table")
+        self.connect()
+        for number in (signal.SIGKILL, signal.SIGTERM):
+            count = len(self.plugin_processes())
+            os.kill(self.plugin_processes()[-1], number)
+            wait_until(lambda: len(self.plugin_processes()) > count, "the restart")
+            client = self.connect()
+        client.send("DieAQuickDeath")
+        wait_until(lambda: self.log_lines("stays down"), "the end")
+        self.assertEqual(self.sockets(), [])
+
+    def test_a_second_service_is_refused(self):
+        self.start_service()
+        wait_until(lambda: self.log_lines("watching"), "the service")
+        second = subprocess.run([os.path.join(BIN, "vell-service")], env=self.environment, text=True,
+                                capture_output=True)
+        self.assertEqual(second.returncode, 1)
+        self.assertIn("already watching", second.stderr)
+
+    def test_other_hardware_starts_nothing(self):
+        self.start_service()
+        self.attach("usb:printer", table=TABLE | {"ProductID": 1})
+        self.attach("usb:table")
+        self.connect()
+        self.assertEqual(len(self.log_lines(": attached")), 1)
+
+    def test_usage(self):
+        for arguments, status in ((["--help"], 0), (["--version"], 0), (["--nonsense"], 2), (["extra"], 2),
+                                  (["--restart-pause", "x"], 2), (["--bundle", self.folder], 1)):
+            process = self.start("vell-service", *arguments, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            self.assertEqual(process.wait(60), status, arguments)
+
+
+class HostTest(ToolsTest):
+    BUNDLE = os.path.join(os.path.dirname(BIN), "lib", "TaviIO.bundle")
+
+    def run_host(self, *arguments):
+        process = self.start("vell-plugin-host", *arguments, stderr=subprocess.PIPE)
+        _, error = process.communicate(timeout=60)
+        return process.returncode, error
+
+    def test_usage_and_bundles_that_are_none(self):
+        self.assertEqual(self.run_host("usb:table")[0], 2)
+        self.assertEqual(self.run_host("usb:table", self.BUNDLE, "-nonsense")[0], 2)
+        status, error = self.run_host("usb:table", self.folder)
+        self.assertEqual(status, 1)
+        self.assertIn(os.path.basename(self.folder), error)
+
+    def test_without_a_run_loop_the_entry_returns(self):
+        self.assertEqual(self.run_host("usb:table", self.BUNDLE, "-norunloop")[0], 0)
+
+    def test_it_does_not_begin_without_its_service(self):
+        self.environment["VELL_SERVICE_PID"] = "1"
+        status, error = self.run_host("usb:table", self.BUNDLE)
+        self.assertEqual(status, 0)
+        self.assertIn("gone", error)
+
+    def test_a_signal_ends_it_without_a_trace(self):
+        file = self.attach("usb:table")
+        self.environment["TAVI_TABLE"] = file
+        host = self.start("vell-plugin-host", "usb:table", self.BUNDLE)
+        self.connect()
+        host.send_signal(signal.SIGHUP)
+        self.assertEqual(host.wait(60), -signal.SIGHUP)
+        self.assertEqual(self.sockets(), [])
+
+
+if __name__ == "__main__":
+    unittest.main()
