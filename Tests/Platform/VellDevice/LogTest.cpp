@@ -1,12 +1,12 @@
 #include "ServiceTest.h"
 
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <thread>
 
 using namespace VellTest;
 using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
 using ::testing::Not;
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
@@ -40,10 +40,9 @@ TEST_F(LogTest, LinesHaveTheirFormAndAreAppended) {
     const auto lines = linesOf(contents("a_1.log"));
     ASSERT_EQ(lines.size(), 3U);
     const std::string process = std::to_string(getpid());
-    EXPECT_TRUE(std::regex_match(lines[0],
-                                 std::regex("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} RUNTIME \\[" +
-                                            process + ":\\d+\\] void start\\(\\)")))
-        << lines[0];
+    EXPECT_THAT(lines[0],
+                MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} RUNTIME \\[" +
+                             process + ":[0-9]+\\] void start\\(\\)"));
     EXPECT_THAT(lines[1], HasSubstr(" ERROR ["));
     EXPECT_THAT(lines[1], HasSubstr("] code -1020"));
     EXPECT_THAT(lines[2], HasSubstr(std::string(5000, 'x')));
@@ -83,9 +82,8 @@ TEST_F(LogTest, LinesOfManyThreadsNeverMixWhileTheFileChanges) {
         writer.join();
     const auto lines = linesOf(contents("a.log") + contents("b.log"));
     EXPECT_EQ(lines.size(), 2000U);
-    const std::regex whole(".*\\] begin (a{100}|b{100}|c{100}|d{100}) end");
     for (const std::string& line : lines)
-        ASSERT_TRUE(std::regex_match(line, whole)) << line;
+        ASSERT_THAT(line, MatchesRegex(".*\\] begin (a{100}|b{100}|c{100}|d{100}) end"));
 }
 
 TEST_F(LogTest, OneThatCannotBeWrittenIsReportedOnce) {
