@@ -139,19 +139,20 @@ MATH_INLINE void rotateRowsWith(double* rows, long stride, long length, const Ro
 }
 
 template <class V, long Rows, long Vectors>
-MATH_INLINE void multiplyTileWith(long depth, const double* a, const double* b, double* c, long stride) {
+MATH_INLINE void multiplyTileWith(long depth, const double* a, long strideOfA, const double* b, double* c,
+                                  long stride) {
     V sums[Rows][Vectors];
     for (long r = 0; r < Rows; ++r) {
         for (long v = 0; v < Vectors; ++v)
             load(sums[r][v], c + r * stride + v * kWidth<V>);
     }
-    for (long t = 0; t < depth; ++t, a += Rows, b += Vectors * kWidth<V>) {
+    for (long t = 0; t < depth; ++t, ++a, b += Vectors * kWidth<V>) {
         V factors[Vectors];
         for (long v = 0; v < Vectors; ++v)
             load(factors[v], b + v * kWidth<V>);
         for (long r = 0; r < Rows; ++r) {
             for (long v = 0; v < Vectors; ++v)
-                sums[r][v] += a[r] * factors[v];
+                sums[r][v] += a[r * strideOfA] * factors[v];
         }
     }
     for (long r = 0; r < Rows; ++r) {
@@ -175,9 +176,9 @@ MATH_INLINE void multiplyTileWith(long depth, const double* a, const double* b, 
                                       long count) {                                                          \
             rotateRowsWith<V>(rows, stride, length, rotations, count);                                       \
         }                                                                                                    \
-        TARGET static void multiplyTile(long depth, const double* a, const double* b, double* c,             \
-                                        long stride) {                                                       \
-            multiplyTileWith<V, ROWS, VECTORS>(depth, a, b, c, stride);                                      \
+        TARGET static void multiplyTile(long depth, const double* a, long strideOfA, const double* b,        \
+                                        double* c, long stride) {                                            \
+            multiplyTileWith<V, ROWS, VECTORS>(depth, a, strideOfA, b, c, stride);                           \
         }                                                                                                    \
         static constexpr KernelSet kSet{dot,          addScaled, addCombination,    rotateRows,              \
                                         multiplyTile, ROWS,      VECTORS* kWidth<V>};                        \
@@ -186,7 +187,7 @@ MATH_INLINE void multiplyTileWith(long depth, const double* a, const double* b, 
 MATH_KERNEL_SET(Baseline, , Vector2, 4, 2)
 #if defined(__x86_64__)
 MATH_KERNEL_SET(Avx2, [[gnu::target("avx2")]], Vector4, 4, 2)
-MATH_KERNEL_SET(Avx512, [[gnu::target("avx512f")]], Vector8, 8, 3)
+MATH_KERNEL_SET(Avx512, [[gnu::target("avx512f")]], Vector8, 8, 2)
 #endif
 
 std::vector<const KernelSet*> findSupported() {
@@ -200,15 +201,14 @@ std::vector<const KernelSet*> findSupported() {
     return sets;
 }
 
-// --- Product of large matrices: blocks of A and B are copied into the order in which the tiles read them, so
-// small that the tiles find them in the caches.
+// --- Product of large matrices: blocks of B are copied into the order in which the tiles read them, so small
+// that the tiles find them in the caches.
 
 constexpr long kBlockDepth = 128;
-constexpr long kBlockRows = 96;
 constexpr long kBlockColumns = 768;
 
 // Products smaller than this are not worth the copying.
-constexpr long kSmallProduct = 20L * 20 * 20;
+constexpr long kSmallProduct = 16L * 16 * 16;
 
 struct Block {
     const double* data;
@@ -216,18 +216,6 @@ struct Block {
     long rows;
     long columns;
 };
-
-// Bands of `height` rows, column by column within a band, filled up with zeros.
-void packRows(const Block& a, long height, double* out) {
-    for (long r0 = 0; r0 < a.rows; r0 += height) {
-        for (long r = 0; r < height; ++r) {
-            const double* row = a.data + (r0 + r) * a.stride;
-            for (long t = 0; t < a.columns; ++t)
-                out[t * height + r] = r0 + r < a.rows ? row[t] : 0;
-        }
-        out += height * a.columns;
-    }
-}
 
 // Bands of `width` columns, row by row within a band, filled up with zeros.
 void packColumns(const Block& b, long width, double* out) {
@@ -241,33 +229,38 @@ void packColumns(const Block& b, long width, double* out) {
 }
 
 constexpr long kMostTileRows = 8;
-constexpr long kMostTileColumns = 24;
+constexpr long kMostTileColumns = 16;
 
-// Adds the product of the packed blocks to a rows x columns part of C.
-void multiplyBlocks(const KernelSet& set, const double* a, const double* b, long depth, double* c,
-                    long stride, long rows, long columns) {
-    for (long c0 = 0; c0 < columns; c0 += set.tileColumns) {
-        const double* band = b + c0 * depth;
-        const long width = std::min(set.tileColumns, columns - c0);
-        for (long r0 = 0; r0 < rows; r0 += set.tileRows) {
-            double* target = c + r0 * stride + c0;
-            const long height = std::min(set.tileRows, rows - r0);
-            if (width == set.tileColumns && height == set.tileRows) {
-                set.multiplyTile(depth, a + r0 * depth, band, target, stride);
-                continue;
-            }
-            std::array<double, kMostTileRows * kMostTileColumns> tile{};
-            for (long r = 0; r < height; ++r)
-                std::copy_n(target + r * stride, width, tile.data() + r * set.tileColumns);
-            set.multiplyTile(depth, a + r0 * depth, band, tile.data(), set.tileColumns);
-            for (long r = 0; r < height; ++r)
-                std::copy_n(tile.data() + r * set.tileColumns, width, target + r * stride);
-        }
+// A tile that sticks out of C, or of A below, works on copies that are filled up with zeros.
+void multiplyPartOfTile(const KernelSet& set, const Block& a, const double* band, double* c, long stride,
+                        long columns) {
+    std::array<double, kMostTileRows * kBlockDepth> rows{};
+    std::array<double, kMostTileRows * kMostTileColumns> tile{};
+    for (long r = 0; r < a.rows; ++r) {
+        std::copy_n(a.data + r * a.stride, a.columns, rows.data() + r * kBlockDepth);
+        std::copy_n(c + r * stride, columns, tile.data() + r * set.tileColumns);
     }
+    set.multiplyTile(a.columns, rows.data(), kBlockDepth, band, tile.data(), set.tileColumns);
+    for (long r = 0; r < a.rows; ++r)
+        std::copy_n(tile.data() + r * set.tileColumns, columns, c + r * stride);
 }
 
-long roundUp(long n, long step) {
-    return (n + step - 1) / step * step;
+// Adds the product of a block of A and a packed block of B to the part of C that starts at `c`.
+void multiplyBlocks(const KernelSet& set, const Block& a, const double* b, double* c, long stride,
+                    long columns) {
+    for (long r0 = 0; r0 < a.rows; r0 += set.tileRows) {
+        const double* rows = a.data + r0 * a.stride;
+        const long height = std::min(set.tileRows, a.rows - r0);
+        for (long c0 = 0; c0 < columns; c0 += set.tileColumns) {
+            const double* band = b + c0 * a.columns;
+            double* target = c + r0 * stride + c0;
+            const long width = std::min(set.tileColumns, columns - c0);
+            if (width == set.tileColumns && height == set.tileRows)
+                set.multiplyTile(a.columns, rows, a.stride, band, target, stride);
+            else
+                multiplyPartOfTile(set, {rows, a.stride, height, a.columns}, band, target, stride, width);
+        }
+    }
 }
 
 } // namespace
@@ -290,26 +283,19 @@ void multiply(const double* a, const double* b, double* c, long rows, long depth
             addCombination(c + r * columns, columns, a + r * depth, b, columns, depth);
         return;
     }
-    const long mostDepth = std::min(depth, kBlockDepth);
-    const long mostRows = roundUp(std::min(rows, kBlockRows), set.tileRows);
-    const long mostColumns = roundUp(std::min(columns, kBlockColumns), set.tileColumns);
+    const long bands = (std::min(columns, kBlockColumns) + set.tileColumns - 1) / set.tileColumns;
     const auto packed = std::make_unique_for_overwrite<double[]>(
-        static_cast<std::size_t>(mostDepth * (mostRows + mostColumns)));
-    double* packedA = packed.get();
-    double* packedB = packedA + mostDepth * mostRows;
-    // The depth is the outermost loop but one, in ascending order: every element takes its products in that
+        static_cast<std::size_t>(std::min(depth, kBlockDepth) * bands * set.tileColumns));
+    // The depth is taken in ascending order, block by block: every element receives its products in that
     // order.
     for (long c0 = 0; c0 < columns; c0 += kBlockColumns) {
         const long blockColumns = std::min(kBlockColumns, columns - c0);
         for (long t0 = 0; t0 < depth; t0 += kBlockDepth) {
             const long blockDepth = std::min(kBlockDepth, depth - t0);
-            packColumns({b + t0 * columns + c0, columns, blockDepth, blockColumns}, set.tileColumns, packedB);
-            for (long r0 = 0; r0 < rows; r0 += kBlockRows) {
-                const long blockRows = std::min(kBlockRows, rows - r0);
-                packRows({a + r0 * depth + t0, depth, blockRows, blockDepth}, set.tileRows, packedA);
-                multiplyBlocks(set, packedA, packedB, blockDepth, c + r0 * columns + c0, columns, blockRows,
-                               blockColumns);
-            }
+            packColumns({b + t0 * columns + c0, columns, blockDepth, blockColumns}, set.tileColumns,
+                        packed.get());
+            multiplyBlocks(set, {a + t0, depth, rows, blockDepth}, packed.get(), c + c0, columns,
+                           blockColumns);
         }
     }
 }

@@ -24,8 +24,10 @@ struct KernelSet {
     void (*addCombination)(double* y, long n, const double* coefficients, const double* rows, long stride,
                            long count);
     void (*rotateRows)(double* rows, long stride, long length, const Rotation* rotations, long count);
-    // C (tileRows x tileColumns) += A B, A and B packed column by column and row by row.
-    void (*multiplyTile)(long depth, const double* a, const double* b, double* c, long stride);
+    // C (tileRows x tileColumns) += A B; the rows of A and C lie their strides apart, those of B one after
+    // another.
+    void (*multiplyTile)(long depth, const double* a, long strideOfA, const double* b, double* c,
+                         long stride);
     long tileRows;
     long tileColumns;
 };
