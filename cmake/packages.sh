@@ -1,8 +1,8 @@
 # The Debian packages that the project needs, for the scripts at the root; sourced, not run.
 
 packages_to_build="g++ cmake ninja-build pkg-config libplist-dev libcli11-dev"
-packages_to_test="libgtest-dev libgmock-dev libopenblas-dev python3 chromium"
-packages_to_check="clang-format"
+packages_to_test="libgtest-dev libgmock-dev libopenblas-dev python3"
+packages_to_check="clang-format chromium" # without a browser the test of the report is skipped
 
 # Whether the package is there, whole.
 is_installed() {
