@@ -20,6 +20,7 @@ struct Options {
     std::string device; // name, path or serial number; "": the only one
     bool json = false;
     std::string simulated; // the layout of the chart on a virtual table; "": none
+    double noise = 0;      // of that table's readings
     std::optional<double> timeScale;
 };
 

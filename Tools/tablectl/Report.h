@@ -22,4 +22,6 @@ struct ReportContent {
 // differences. Throws DeviceFailure when the file cannot be written.
 void writeReport(const std::string& file, const ReportContent& content);
 
+extern const char* const kReportPage; // with @DATA@ where the measurement goes
+
 } // namespace tablectl

@@ -10,6 +10,7 @@
 
 #include <CLI/CLI.hpp>
 #include <chrono>
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 
@@ -90,7 +91,11 @@ void Scan::run() {
         measure();
     } catch (const Failure&) {
         abandon();
-        finish();
+        try {
+            finish();
+        } catch (const Failure& further) {
+            std::fprintf(stderr, "tablectl: %s\n", further.what());
+        }
         throw;
     }
     finish();

@@ -37,6 +37,7 @@ Simulation::Simulation(const Options& options) {
         HardwareFile table = HardwareFile::make(mFolder / "hardware" / "table.plist", "usb:virtual-table");
         table.set("Chart", std::filesystem::absolute(options.simulated).string());
         table.set("TimeScale", options.timeScale.value_or(1));
+        table.set("Noise", options.noise);
         table.save();
         mService.emplace(tools::programFolder() / "vell-service",
                          std::vector<std::string>{"--quiet", "--temporary", std::to_string(getpid())});

@@ -34,6 +34,8 @@ void addOptions(CLI::App& app, Options& options, std::string& runtimeFolder) {
     app.add_option("--device", options.device, "Path, name or serial number, when there are several");
     app.add_flag("--json", options.json, "One JSON object per line on standard output");
     app.add_option("--simulated", options.simulated, "Use a virtual table of its own, with this chart on it");
+    app.add_option("--noise", options.noise, "Of the --simulated table's readings (standard deviation)")
+        ->check(CLI::NonNegativeNumber);
 }
 
 // Runs the command and reports how it failed. Command's thread.

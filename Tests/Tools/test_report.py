@@ -1,0 +1,95 @@
+"""The report of a scan, as a browser shows it."""
+
+import json
+import re
+import shutil
+import subprocess
+import unittest
+
+from support import Chart, ToolsTest
+
+BROWSER = shutil.which("chromium")
+
+# Runs in the page, after its own script: walks by keyboard, then leaves what it saw in the title.
+PROBE = """
+<script>
+{
+window.onerror = (message) => { document.title = message; };
+const press = key => document.activeElement.dispatchEvent(new KeyboardEvent("keydown", {key, bubbles: true}));
+const picked = () => document.getElementById("picked").textContent;
+const seen = {start: picked()};
+document.querySelector(".patch[aria-selected=true]").focus();
+for (let count = 0; count < 9; count++) { press("ArrowLeft"); press("ArrowUp"); }
+press("ArrowRight");
+press("ArrowDown");
+seen.walked = picked();
+seen.focused = document.activeElement.getAttribute("aria-label");
+seen.patches = document.querySelectorAll(".patch").length;
+seen.selected = document.querySelectorAll("[aria-selected=true]").length;
+seen.unmeasured = document.querySelectorAll("[aria-label$='not measured']").length;
+seen.figures = [...document.querySelectorAll(".figure b")].map(figure => figure.textContent);
+seen.bars = [...document.querySelectorAll("#histogram rect + text")].length;
+seen.lines = document.querySelectorAll("#spectrum polyline").length;
+seen.conditions = document.getElementById("conditions").textContent;
+seen.wide = document.documentElement.scrollWidth > window.innerWidth;
+document.title = "seen " + JSON.stringify(seen);
+}
+</script>
+"""
+
+
+class ReportTest(ToolsTest):
+    def report(self, chart, on_table, *options):
+        layout = self.write_chart(chart)
+        self.tablectl("--simulated", self.write_chart(on_table, "table.txt"), "scan", layout, "--time-scale", "0",
+                      "--output", self.path("out.txt"), "--report", self.path("report.html"), *options)
+        with open(self.path("report.html")) as file:
+            return file.read()
+
+    def show(self, page, width=1200):
+        """What the browser shows of a page of that width."""
+        with open(self.path("probed.html"), "w") as file:
+            file.write(page.replace("</body>", PROBE + "</body>"))
+        flags = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+                 "--disable-background-networking", "--disable-component-update", "--disable-sync"]
+        document = subprocess.run([BROWSER, *flags, f"--user-data-dir={self.path('browser')}",
+                                   f"--window-size={width},900", "--dump-dom", "file://" + self.path("probed.html")],
+                                  capture_output=True, text=True, timeout=120).stdout
+        title = re.search(r"<title>(.*?)</title>", document).group(1)
+        self.assertTrue(title.startswith("seen "), title)
+        return json.loads(title.removeprefix("seen ").replace("&amp;", "&"))
+
+    def test_it_needs_nothing_from_elsewhere(self):
+        page = self.report(Chart(2, 3), Chart(2, 3))
+        self.assertEqual(re.findall(r"\b(?:src|href)=|@import|url\(", page), [])
+        self.assertEqual(re.findall(r"https?://[^\"]*", page), ["http://www.w3.org/2000/svg", "http://www.w3.org/1999/xhtml"])
+        data = json.loads(re.search(r'id="data">(.*?)</script>', page, re.S).group(1))
+        self.assertEqual([round(patch["deltaE"], 4) for patch in data["patches"]], [0] * 6)
+
+    @unittest.skipUnless(BROWSER, "chromium is not installed")
+    def test_it_shows_what_differs(self):
+        chart, printed = Chart(3, 4, last=2, angle=0.1), Chart(3, 4, last=2, angle=0.1)
+        printed.spectra[1, 2] = [value + 0.05 for value in chart.spectra[1, 2]]
+        page = self.report(chart, printed)
+        seen = self.show(page)
+        self.assertEqual(seen["start"], "P1-2 (row 1, column 2)")
+        self.assertEqual(seen["walked"], "P1-1 (row 1, column 1)")
+        self.assertTrue(seen["focused"].startswith("P1-1, row 1, column 1: CIEDE2000 0.00"), seen["focused"])
+        self.assertEqual((seen["patches"], seen["selected"], seen["unmeasured"], seen["lines"]), (10, 1, 0, 2))
+        mean, percentile, largest, count = seen["figures"]
+        self.assertGreater(float(largest), 0.5)
+        self.assertEqual(percentile, largest)
+        self.assertAlmostEqual(float(mean), float(largest) / 10, delta=0.01)
+        self.assertEqual(count, "10 / 10")
+        self.assertIn("Rows read by spotsnone", seen["conditions"])
+        self.assertFalse(self.show(page, width=500)["wide"])
+
+    @unittest.skipUnless(BROWSER, "chromium is not installed")
+    def test_a_part_of_a_chart(self):
+        seen = self.show(self.report(Chart(3, 4), Chart(3, 4), "--rows", "1", "--spot", "3"))
+        self.assertEqual((seen["patches"], seen["unmeasured"]), (12, 8))
+        self.assertEqual(seen["figures"][3], "4 / 12")
+
+
+if __name__ == "__main__":
+    unittest.main()
