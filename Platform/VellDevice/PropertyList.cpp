@@ -1,6 +1,7 @@
 #include "PropertyList.h"
 
 #include "PropertyListGuard.h"
+#include "PropertyListWriter.h"
 #include "Utf8.h"
 
 #include <cmath>
@@ -8,54 +9,56 @@
 namespace VellService {
 namespace {
 
-constexpr int kMaximumDepth = PropertyListGuard::kMaximumDepth;
+using Value = PropertyListWriter::Value;
 
-plist_t nodeOf(const Object* object, int depth);
+// Nothing when there is something in the object that no property list holds, or too many levels.
+std::optional<Value> write(PropertyListWriter& writer, const Object* object, int depth);
 
-plist_t nodeOfArray(const __VellArray& array, int depth) {
-    PropertyListPtr node(plist_new_array());
+std::optional<Value> writeArray(PropertyListWriter& writer, const __VellArray& array, int depth) {
+    std::vector<Value> elements;
     for (const auto& value : array.values) {
-        const plist_t element = nodeOf(value.get(), depth + 1);
+        const auto element = write(writer, value.get(), depth + 1);
         if (!element)
-            return nullptr;
-        plist_array_append_item(node.get(), element);
+            return std::nullopt;
+        elements.push_back(*element);
     }
-    return node.release();
+    return writer.array(elements);
 }
 
-plist_t nodeOfDictionary(const __VellDictionary& dictionary, int depth) {
-    PropertyListPtr node(plist_new_dict());
+std::optional<Value> writeDictionary(PropertyListWriter& writer, const __VellDictionary& dictionary,
+                                     int depth) {
+    std::vector<PropertyListWriter::Entry> entries;
     for (const auto& entry : dictionary.entries()) {
-        const plist_t value = nodeOf(entry.value.get(), depth + 1);
+        const auto value = write(writer, entry.value.get(), depth + 1);
         if (!value)
-            return nullptr;
-        plist_dict_set_item(node.get(), validUtf8(entry.key->text).c_str(), value);
+            return std::nullopt;
+        entries.emplace_back(writer.text(entry.key->text), *value);
     }
-    return node.release();
+    return writer.dictionary(entries);
 }
 
-plist_t nodeOfNumber(const __VellNumber& number) {
+Value writeNumber(PropertyListWriter& writer, const __VellNumber& number) {
     if (const double* real = std::get_if<double>(&number.value))
-        return plist_new_real(*real);
+        return writer.real(*real);
     if (const bool* flag = std::get_if<bool>(&number.value))
-        return plist_new_bool(*flag ? 1 : 0);
-    return newIntegerNode(number.integerValue());
+        return writer.flag(*flag);
+    return writer.integer(number.integerValue());
 }
 
-plist_t nodeOf(const Object* object, int depth) {
-    if (!object || depth > kMaximumDepth)
-        return nullptr;
+std::optional<Value> write(PropertyListWriter& writer, const Object* object, int depth) {
+    if (depth > PropertyListGuard::kMaximumDepth)
+        return std::nullopt;
     if (isOfType(object, __VellString::kTypeName))
-        return newStringNode(static_cast<const __VellString*>(object)->text);
+        return writer.text(static_cast<const __VellString*>(object)->text);
     if (isOfType(object, __VellNumber::kTypeName))
-        return nodeOfNumber(*static_cast<const __VellNumber*>(object));
+        return writeNumber(writer, *static_cast<const __VellNumber*>(object));
     if (isOfType(object, __VellData::kTypeName))
-        return newDataNode(static_cast<const __VellData*>(object)->bytes);
+        return writer.data(static_cast<const __VellData*>(object)->bytes);
     if (isOfType(object, __VellArray::kTypeName))
-        return nodeOfArray(*static_cast<const __VellArray*>(object), depth);
+        return writeArray(writer, *static_cast<const __VellArray*>(object), depth);
     if (isOfType(object, __VellDictionary::kTypeName))
-        return nodeOfDictionary(*static_cast<const __VellDictionary*>(object), depth);
-    return nullptr;
+        return writeDictionary(writer, *static_cast<const __VellDictionary*>(object), depth);
+    return std::nullopt;
 }
 
 double realOf(plist_t node) {
@@ -131,30 +134,6 @@ PropertyListPtr parsePropertyList(std::string_view bytes) {
     return PropertyListGuard::isBinary(bytes) ? parseBinaryPropertyList(bytes) : parseXmlPropertyList(bytes);
 }
 
-std::string binaryPropertyList(plist_t root) {
-    char* bytes = nullptr;
-    std::uint32_t length = 0;
-    plist_to_bin(root, &bytes, &length);
-    const std::unique_ptr<char, void (*)(char*)> owner(bytes, plist_to_bin_free);
-    return bytes ? std::string(bytes, length) : std::string();
-}
-
-plist_t newStringNode(const std::string& text) {
-    return plist_new_string(validUtf8(text).c_str());
-}
-
-plist_t newDataNode(const std::string& bytes) {
-    return plist_new_data(bytes.data(), bytes.size());
-}
-
-plist_t newIntegerNode(std::int64_t value) {
-    return plist_new_uint(static_cast<std::uint64_t>(value));
-}
-
-void setFlag(plist_t dictionary, const char* key, bool value) {
-    plist_dict_set_item(dictionary, key, plist_new_bool(value ? 1 : 0));
-}
-
 std::optional<std::string> stringOf(plist_t node) {
     if (!node || plist_get_node_type(node) != PLIST_STRING)
         return std::nullopt;
@@ -211,8 +190,10 @@ Ref<__VellString> stringObjectIn(plist_t dictionary, const char* key) {
     return text ? makeString(std::move(*text)) : Ref<__VellString>();
 }
 
-PropertyListPtr nodeOfObject(const Object* object) {
-    return PropertyListPtr(nodeOf(object, 1));
+std::optional<std::string> propertyListOf(const Object* object) {
+    PropertyListWriter writer;
+    const auto root = write(writer, object, 1);
+    return root ? std::optional(writer.finish(*root)) : std::nullopt;
 }
 
 Ref<Object> objectOfNode(plist_t node) {
@@ -245,9 +226,8 @@ Ref<Object> objectOfNode(plist_t node) {
 using namespace VellService;
 
 VellDataRef VellCoderCopyEncodedDataWithRootObject(VellObjectRef root) {
-    const PropertyListPtr node = nodeOfObject(objectOf(root));
-    std::string bytes = node ? binaryPropertyList(node.get()) : std::string();
-    return bytes.empty() ? nullptr : new __VellData(std::move(bytes));
+    auto bytes = propertyListOf(objectOf(root));
+    return bytes ? new __VellData(std::move(*bytes)) : nullptr;
 }
 
 VellObjectRef VellCoderCopyRootObjectWithEncodedData(VellDataRef data) {

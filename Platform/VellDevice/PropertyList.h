@@ -11,7 +11,8 @@
 
 namespace VellService {
 
-// Property lists through the library, which gives an untyped tree; this is the typed and bounded way to it.
+// Reading property lists through the library, which gives an untyped tree; this is the typed and bounded way
+// to it.
 struct FreePropertyList {
     void operator()(void* node) const { plist_free(node); }
 };
@@ -23,15 +24,6 @@ using PropertyListPtr = std::unique_ptr<void, FreePropertyList>;
 PropertyListPtr parseBinaryPropertyList(std::string_view bytes);
 PropertyListPtr parseXmlPropertyList(std::string_view bytes);
 PropertyListPtr parsePropertyList(std::string_view bytes); // either
-
-// Empty when the tree cannot be written.
-std::string binaryPropertyList(plist_t root);
-
-// Nodes for values; the text is made valid UTF-8 first.
-plist_t newStringNode(const std::string& text);
-plist_t newDataNode(const std::string& bytes);
-plist_t newIntegerNode(std::int64_t value);
-void setFlag(plist_t dictionary, const char* key, bool value);
 
 // What a dictionary holds under a key; nothing when it is missing or of another type.
 std::optional<std::string> stringIn(plist_t dictionary, const char* key);
@@ -71,8 +63,10 @@ void forEachEntry(plist_t dictionary, Function function) {
     }
 }
 
-// Between trees and service objects. Null when there is something else in them, or more than 64 levels.
-PropertyListPtr nodeOfObject(const Object* object);
+// Null when there is something in the tree that is no service object.
 Ref<Object> objectOfNode(plist_t node);
+// The binary property list of an object of plain values. Nothing when there is something else in it, or more
+// than 64 levels.
+std::optional<std::string> propertyListOf(const Object* object);
 
 } // namespace VellService

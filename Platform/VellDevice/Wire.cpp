@@ -1,5 +1,6 @@
 #include "Wire.h"
 
+#include "PropertyListWriter.h"
 #include "Utf8.h"
 
 #include <algorithm>
@@ -12,9 +13,8 @@ namespace {
 // More entries than any message of ours has: a sender who goes beyond is not worth the time.
 constexpr std::uint32_t kMaximumEntries = 4096;
 
-Frame frameOf(plist_t root, const char* what) {
-    const std::string payload = binaryPropertyList(root);
-    if (payload.empty() || payload.size() > kMaximumPayload) {
+Frame frameOf(const std::string& payload, const char* what) {
+    if (payload.size() > kMaximumPayload) {
         VellLogError("[Wire] - a %s of %zu bytes does not fit into a frame\n", what, payload.size());
         return nullptr;
     }
@@ -26,53 +26,86 @@ Frame frameOf(plist_t root, const char* what) {
     return frame;
 }
 
-PropertyListPtr newMessage(const char* type) {
-    PropertyListPtr root(plist_new_dict());
-    plist_dict_set_item(root.get(), "Type", plist_new_string(type));
-    return root;
-}
+// A dictionary of a message that is being written, and the writer it goes into.
+class DictionaryBuilder {
+public:
+    explicit DictionaryBuilder(PropertyListWriter& writer) : mWriter(writer) {}
 
-void setText(plist_t dictionary, const char* key, const __VellString* string) {
-    plist_dict_set_item(dictionary, key, newStringNode(textOf(string)));
-}
+    void add(const char* key, PropertyListWriter::Value value) {
+        mEntries.emplace_back(mWriter.text(key), value);
+    }
+    void addText(const char* key, const __VellString* string) { add(key, mWriter.text(textOf(string))); }
+    void addFlag(const char* key, bool value) { add(key, mWriter.flag(value)); }
+    PropertyListWriter::Value finish() { return mWriter.dictionary(mEntries); }
+
+private:
+    PropertyListWriter& mWriter;
+    std::vector<PropertyListWriter::Entry> mEntries;
+};
+
+// A message as a whole.
+class MessageBuilder {
+public:
+    explicit MessageBuilder(const char* type) : root(writer) { root.add("Type", writer.text(type)); }
+
+    Frame frame(const char* what) {
+        const PropertyListWriter::Value outermost = root.finish();
+        return frameOf(writer.finish(outermost), what);
+    }
+
+    PropertyListWriter writer;
+    DictionaryBuilder root;
+};
 
 // Dictionaries of strings and lists of strings, the common shapes of all messages.
 template <typename Entries>
-plist_t nodeOfEntries(const Entries& entries) {
-    const plist_t node = plist_new_dict();
+PropertyListWriter::Value writeEntries(PropertyListWriter& writer, const Entries& entries) {
+    std::vector<PropertyListWriter::Entry> written;
+    written.reserve(entries.size());
     for (const auto& entry : entries)
-        setText(node, validUtf8(entry.key->text).c_str(), entry.value.get());
-    return node;
+        written.emplace_back(writer.text(entry.key->text), writer.text(entry.value->text));
+    return writer.dictionary(written);
 }
 
 template <typename Strings>
-plist_t nodeOfStrings(const Strings& strings) {
-    const plist_t node = plist_new_array();
+PropertyListWriter::Value writeStrings(PropertyListWriter& writer, const Strings& strings) {
+    std::vector<PropertyListWriter::Value> written;
+    written.reserve(strings.size());
     for (const auto& string : strings)
-        plist_array_append_item(node, newStringNode(string->text));
-    return node;
+        written.push_back(writer.text(string->text));
+    return writer.array(written);
 }
 
-plist_t nodeOfColor(const __VellMeasurementColor& color) {
-    const plist_t node = plist_new_dict();
-    setText(node, "ColorSpace", color.colorSpace.get());
-    plist_dict_set_item(node, "Values", nodeOfStrings(color.values));
-    plist_dict_set_item(node, "Attributes", nodeOfEntries(color.attributes));
-    return node;
+PropertyListWriter::Value writeColor(PropertyListWriter& writer, const __VellMeasurementColor& color) {
+    DictionaryBuilder dictionary(writer);
+    dictionary.addText("ColorSpace", color.colorSpace.get());
+    dictionary.add("Values", writeStrings(writer, color.values));
+    dictionary.add("Attributes", writeEntries(writer, color.attributes));
+    return dictionary.finish();
 }
 
-plist_t nodeOfSet(const __VellMeasurementSet& set) {
-    const plist_t node = plist_new_array();
+PropertyListWriter::Value writeSet(PropertyListWriter& writer, const __VellMeasurementSet& set) {
+    std::vector<PropertyListWriter::Value> measurements;
+    measurements.reserve(set.measurements.size());
     for (const auto& measurement : set.measurements) {
-        const plist_t entry = plist_new_dict();
-        setText(entry, "Mode", measurement->mode.get());
-        const plist_t colors = plist_new_array();
+        std::vector<PropertyListWriter::Value> colors;
         for (const auto& color : measurement->colors)
-            plist_array_append_item(colors, nodeOfColor(*color));
-        plist_dict_set_item(entry, "Colors", colors);
-        plist_array_append_item(node, entry);
+            colors.push_back(writeColor(writer, *color));
+        DictionaryBuilder dictionary(writer);
+        dictionary.addText("Mode", measurement->mode.get());
+        dictionary.add("Colors", writer.array(colors));
+        measurements.push_back(dictionary.finish());
     }
-    return node;
+    return writer.array(measurements);
+}
+
+PropertyListWriter::Value writeModes(PropertyListWriter& writer, const __VellArray* modes) {
+    std::vector<PropertyListWriter::Value> written;
+    for (std::size_t i = 0; modes && i < modes->values.size(); ++i) {
+        if (const auto* string = as<__VellString>(modes->values[i].get()))
+            written.push_back(writer.text(string->text));
+    }
+    return writer.array(written);
 }
 
 bool isDictionary(plist_t node) {
@@ -149,74 +182,67 @@ void setCommandFields(const Message& message, __VellDeviceCommand& command) {
 } // namespace
 
 Frame commandFrame(const __VellDeviceCommand& command) {
-    const PropertyListPtr root = newMessage("Command");
-    setText(root.get(), "Name", command.name.get());
-    setText(root.get(), "Ticket", command.receipt ? command.receipt->ticket.get() : nullptr);
-    setText(root.get(), "Device", command.deviceName.get());
-    setText(root.get(), "DevicePath", command.devicePath.get());
-    plist_dict_set_item(root.get(), "Arguments", nodeOfEntries(command.arguments));
+    MessageBuilder message("Command");
+    message.root.addText("Name", command.name.get());
+    message.root.addText("Ticket", command.receipt ? command.receipt->ticket.get() : nullptr);
+    message.root.addText("Device", command.deviceName.get());
+    message.root.addText("DevicePath", command.devicePath.get());
+    message.root.add("Arguments", writeEntries(message.writer, command.arguments));
     if (command.data)
-        plist_dict_set_item(root.get(), "Data", newDataNode(command.data->bytes));
-    return frameOf(root.get(), "command");
+        message.root.add("Data", message.writer.data(command.data->bytes));
+    return message.frame("command");
 }
 
 Frame responseFrame(const __VellDeviceCommandResponse& response) {
-    const PropertyListPtr root = newMessage("Response");
+    MessageBuilder message("Response");
     const __VellDeviceCommand* command = response.command.get();
-    setText(root.get(), "Ticket", command && command->receipt ? command->receipt->ticket.get() : nullptr);
-    setText(root.get(), "Name", command ? command->name.get() : nullptr);
-    setText(root.get(), "Device", command ? command->deviceName.get() : nullptr);
-    setText(root.get(), "DevicePath", command ? command->devicePath.get() : nullptr);
-    plist_dict_set_item(root.get(), "Code", newIntegerNode(response.code));
-    setText(root.get(), "Message", response.message.get());
+    message.root.addText("Ticket", command && command->receipt ? command->receipt->ticket.get() : nullptr);
+    message.root.addText("Name", command ? command->name.get() : nullptr);
+    message.root.addText("Device", command ? command->deviceName.get() : nullptr);
+    message.root.addText("DevicePath", command ? command->devicePath.get() : nullptr);
+    message.root.add("Code", message.writer.integer(response.code));
+    message.root.addText("Message", response.message.get());
     if (response.data)
-        plist_dict_set_item(root.get(), "Data", newDataNode(response.data->bytes));
+        message.root.add("Data", message.writer.data(response.data->bytes));
     if (response.measurementSet)
-        plist_dict_set_item(root.get(), "MeasurementSet", nodeOfSet(*response.measurementSet));
-    return frameOf(root.get(), "response");
+        message.root.add("MeasurementSet", writeSet(message.writer, *response.measurementSet));
+    return message.frame("response");
 }
 
 Frame statusFrame(const RecordFields& fields) {
-    const plist_t record = plist_new_dict();
-    setText(record, "Name", fields.name.get());
-    setText(record, "DisplayName", fields.displayNameOrAttribute());
-    setText(record, "Path", fields.pathOrAttribute());
-    setText(record, "SerialNumber", fields.serialNumber.get());
-    setText(record, "ServiceVersion", fields.serviceVersion.get());
-    const plist_t modes = plist_new_array();
-    if (fields.modes) {
-        for (const auto& mode : fields.modes->values) {
-            if (const auto* string = as<__VellString>(mode.get()))
-                plist_array_append_item(modes, newStringNode(string->text));
-        }
-    }
-    plist_dict_set_item(record, "Modes", modes);
-    setText(record, "Mode", fields.mode.get());
-    plist_dict_set_item(record, "Attributes", nodeOfEntries(fields.attributes));
-    plist_dict_set_item(record, "CalibrationStatus", newIntegerNode(fields.calibrationStatus));
-    setText(record, "LockHolder", fields.lockHolder.get());
-    setFlag(record, "Enabled", fields.enabled);
-    setFlag(record, "Available", fields.available);
-    setFlag(record, "Connected", fields.connected);
-    setFlag(record, "SoftwareMeasurementAvailable", fields.softwareMeasurementAvailable);
-    setFlag(record, "Locked", !textOf(fields.lockHolder.get()).empty());
-    setFlag(record, "Proxy", fields.proxy);
-    const PropertyListPtr root = newMessage("Status");
-    plist_dict_set_item(root.get(), "Record", record);
-    return frameOf(root.get(), "status");
+    MessageBuilder message("Status");
+    DictionaryBuilder record(message.writer);
+    record.addText("Name", fields.name.get());
+    record.addText("DisplayName", fields.displayNameOrAttribute());
+    record.addText("Path", fields.pathOrAttribute());
+    record.addText("SerialNumber", fields.serialNumber.get());
+    record.addText("ServiceVersion", fields.serviceVersion.get());
+    record.add("Modes", writeModes(message.writer, fields.modes.get()));
+    record.addText("Mode", fields.mode.get());
+    record.add("Attributes", writeEntries(message.writer, fields.attributes));
+    record.add("CalibrationStatus", message.writer.integer(fields.calibrationStatus));
+    record.addText("LockHolder", fields.lockHolder.get());
+    record.addFlag("Enabled", fields.enabled);
+    record.addFlag("Available", fields.available);
+    record.addFlag("Connected", fields.connected);
+    record.addFlag("SoftwareMeasurementAvailable", fields.softwareMeasurementAvailable);
+    record.addFlag("Locked", !textOf(fields.lockHolder.get()).empty());
+    record.addFlag("Proxy", fields.proxy);
+    message.root.add("Record", record.finish());
+    return message.frame("status");
 }
 
 Frame closeFrame(const __VellString* devicePath) {
-    const PropertyListPtr root = newMessage("Close");
-    setText(root.get(), "DevicePath", devicePath);
-    return frameOf(root.get(), "close");
+    MessageBuilder message("Close");
+    message.root.addText("DevicePath", devicePath);
+    return message.frame("close");
 }
 
 Frame messageFrame(const __VellString* first, const __VellString* second) {
-    const PropertyListPtr root = newMessage("Message");
-    setText(root.get(), "First", first);
-    setText(root.get(), "Second", second);
-    return frameOf(root.get(), "message");
+    MessageBuilder message("Message");
+    message.root.addText("First", first);
+    message.root.addText("Second", second);
+    return message.frame("message");
 }
 
 Message::Message(std::string_view payload) : mRoot(parseBinaryPropertyList(payload)) {
