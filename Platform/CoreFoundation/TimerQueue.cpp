@@ -9,6 +9,8 @@ void TimerQueue::insert(CFRunLoopTimerRef timer, CFAbsoluteTime date) {
     // A date that is no number would upset the order; such a timer is never due.
     if (!(date == date))
         date = std::numeric_limits<CFAbsoluteTime>::infinity();
+    // Once it is in the queue, the loop's thread may fire it, and its owner may give it back there.
+    const TimerReference kept(timer);
     {
         const std::lock_guard lock(mMutex);
         mTimers.emplace(Key(date, ++mLastTicket), TimerReference(timer));

@@ -12,6 +12,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// The record says so when its loop runs and it has announced itself.
+void waitUntilConnected(NotingPlugin& plugin) {
+    while (*plugin.device()->attributeForKey("DeviceLogName") == '\0')
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
 class Process : public ::testing::Test {
 protected:
     static constexpr int kReturned = 100; // is added when the run returns, instead of ending the process
@@ -54,8 +60,7 @@ TEST_F(Process, RemovedHardwareExitsWithZero) {
     scratch.write(scratch.hardware() / "table.plist", hardwareFile(kPath));
     EXPECT_EQ(run([&](NotingPlugin& plugin) {
                   std::thread([&] {
-                      while (!plugin.device()->attributeForKey("DeviceLogName")[0])
-                          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                      waitUntilConnected(plugin);
                       fs::remove(scratch.hardware() / "table.plist");
                   }).detach();
               }),
@@ -99,7 +104,7 @@ TEST_F(Process, EndFromAnotherThread) {
     scratch.write(scratch.hardware() / "table.plist", hardwareFile(kPath));
     EXPECT_EQ(run([](NotingPlugin& plugin) {
                   std::thread([&] {
-                      std::this_thread::sleep_for(std::chrono::milliseconds(30));
+                      waitUntilConnected(plugin);
                       plugin.die_a_QuickDeath();
                   }).detach();
               }),

@@ -92,39 +92,49 @@ TEST_F(Interference, FaultsInCommands) {
     }
 }
 
-TEST_F(Interference, FaultsInChartScans) {
-    const ChartOnTable chart{.rows = 3, .columns = 3, .lastRowColumns = 2, .equalNeighbours = true};
-    for (const auto& extra : {std::map<std::string, std::string>{}, {{"SpotMeasureCount", "2"}}}) {
-        const auto operation = [&] {
-            place(chart);
-            auto arguments = chart.measureArguments();
-            arguments.insert(extra.begin(), extra.end());
-            return send("Measure", arguments);
-        };
-        sweep(operation, failing, [](const std::vector<Post>& answers) { expectRowsThenReason(answers, 3); });
-        sweep(operation, throwing, [](const std::vector<Post>& answers) {
-            expectRowsThenReason(answers, 3);
-            if (answers.back().code != 0) {
-                EXPECT_EQ(answers.back().code, 14);
-            }
-        });
+class ScanFaults : public Interference {
+protected:
+    // Faults at every call of one measurement; `rows` is what it answers when nothing happens.
+    void sweepScan(const ChartOnTable& chart, const std::map<std::string, std::string>& extra, bool throws,
+                   std::size_t rows) {
+        place(chart);
+        auto arguments = chart.measureArguments();
+        arguments.insert(extra.begin(), extra.end());
+        sweep([&] { return send("Measure", arguments); }, throws ? throwing : failing,
+              [&](const std::vector<Post>& answers) {
+                  expectRowsThenReason(answers, rows);
+                  if (throws && answers.back().code != 0) {
+                      EXPECT_EQ(answers.back().code, 14);
+                  }
+              });
     }
-}
 
-TEST_F(Interference, FaultsInSingleRows) {
-    const ChartOnTable chart{.rows = 3, .columns = 3, .equalNeighbours = true};
-    for (const char* const row : {"0", "1", "2"}) {
-        SCOPED_TRACE(row);
-        const auto operation = [&] {
-            place(chart);
-            auto arguments = chart.measureArguments();
-            arguments["RowToScan"] = row;
-            return send("Measure", arguments);
-        };
-        const auto once = [](const std::vector<Post>& answers) { EXPECT_EQ(answers.size(), 1U); };
-        sweep(operation, failing, once);
-        sweep(operation, throwing, once);
-    }
+    const ChartOnTable kChart{.rows = 2, .columns = 3, .lastRowColumns = 2, .equalNeighbours = true};
+};
+
+TEST_F(ScanFaults, FailuresInAChart) {
+    sweepScan(kChart, {}, false, 2);
+}
+TEST_F(ScanFaults, ExceptionsInAChart) {
+    sweepScan(kChart, {}, true, 2);
+}
+TEST_F(ScanFaults, FailuresInSpots) {
+    sweepScan(kChart, {{"SpotMeasureCount", "2"}}, false, 2);
+}
+TEST_F(ScanFaults, ExceptionsInSpots) {
+    sweepScan(kChart, {{"SpotMeasureCount", "2"}}, true, 2);
+}
+TEST_F(ScanFaults, FailuresInTheFirstRowAlone) {
+    sweepScan(kChart, {{"RowToScan", "0"}}, false, 1);
+}
+TEST_F(ScanFaults, ExceptionsInTheFirstRowAlone) {
+    sweepScan(kChart, {{"RowToScan", "0"}}, true, 1);
+}
+TEST_F(ScanFaults, FailuresInTheLastRowAlone) {
+    sweepScan(kChart, {{"RowToScan", "1"}}, false, 1);
+}
+TEST_F(ScanFaults, ExceptionsInTheLastRowAlone) {
+    sweepScan(kChart, {{"RowToScan", "1"}}, true, 1);
 }
 
 // Commands that arrive on the main thread while the worker is inside a call.
