@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <set>
 #include <stdexcept>
+#include <system_error>
 
 namespace VellService {
 namespace {
@@ -79,12 +80,15 @@ void Client::look() {
         if (lstat(path.c_str(), &status) != 0 || !S_ISSOCK(status.st_mode) || status.st_uid != geteuid())
             continue;
         Socket& socket = mSockets[path];
-        if (socket.inode != status.st_ino) {
+        const timespec& change = status.st_ctim;
+        if (socket.inode != status.st_ino || socket.changed.tv_sec != change.tv_sec ||
+            socket.changed.tv_nsec != change.tv_nsec) {
             socket.isDead = false;
             socket.nextTry = 0;
             socket.pause = kFirstPause;
         }
         socket.inode = status.st_ino;
+        socket.changed = change;
         if (socket.link != kNoLink || socket.isDead)
             continue;
         const CFTimeInterval rest = socket.nextTry - CFAbsoluteTimeGetCurrent();
@@ -101,22 +105,24 @@ void Client::lookAgainIn(CFTimeInterval seconds) {
 }
 
 void Client::tryToConnect(const std::string& path, Socket& socket) {
+    sockaddr_un address{};
     try {
-        const sockaddr_un address = socketAddress(path);
-        CoreFoundation::FileDescriptor connection(
-            ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        if (connection &&
-            connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-            open(path, socket, std::move(connection));
-            return;
-        }
-        socket.isDead = connection && errno == ECONNREFUSED;
-        if (!socket.isDead)
-            lookAgainIn(errno == EAGAIN ? kBusyPause : kLongestPause);
-    } catch (const std::exception& problem) {
+        address = socketAddress(path);
+    } catch (const std::runtime_error& problem) {
         socket.isDead = true;
         VellLogWarning("[Client] - %s\n", problem.what());
+        return;
     }
+    CoreFoundation::FileDescriptor connection(
+        ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (connection &&
+        connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        open(path, socket, std::move(connection));
+        return;
+    }
+    socket.isDead = connection && errno == ECONNREFUSED;
+    if (!socket.isDead)
+        lookAgainIn(errno == EAGAIN ? kBusyPause : kLongestPause);
 }
 
 void Client::open(const std::string& path, Socket& socket, CoreFoundation::FileDescriptor connection) {
@@ -128,7 +134,13 @@ void Client::open(const std::string& path, Socket& socket, CoreFoundation::FileD
     FrameChannel::Handlers handlers;
     handlers.frame = [this, identifier](std::string_view payload) { return receive(identifier, payload); };
     handlers.ended = [this, identifier] { ended(identifier); };
-    link.channel->start(std::move(handlers));
+    try {
+        link.channel->start(std::move(handlers));
+    } catch (const std::system_error& problem) {
+        VellLogError("[Client] - %s cannot be watched: %s\n", path.c_str(), problem.what());
+        lookAgainIn(kLongestPause);
+        return;
+    }
     socket.link = identifier;
     const std::lock_guard lock(mMutex);
     mLinks.emplace(identifier, std::move(link));

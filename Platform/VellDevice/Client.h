@@ -6,6 +6,9 @@
 #include "FrameChannel.h"
 #include "PendingCommands.h"
 
+#include <sys/types.h>
+#include <time.h>
+
 #include <map>
 #include <memory>
 #include <mutex>
@@ -61,6 +64,7 @@ private:
     // What is known of a socket in the folder, connected or not.
     struct Socket {
         ino_t inode = 0;
+        timespec changed{};  // numbers of files are used again
         bool isDead = false; // nobody listens; not worth another try until it is replaced
         LinkIdentifier link = kNoLink;
         CFAbsoluteTime nextTry = 0;

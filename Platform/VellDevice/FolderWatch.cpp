@@ -38,13 +38,16 @@ void FolderWatch::start() {
 bool FolderWatch::watch() {
     std::string problem = mEnsure().value_or("");
     if (problem.empty()) {
-        mNotifier.reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-        if (mNotifier && inotify_add_watch(mNotifier.get(), mFolder.c_str(), kChanges) >= 0) {
+        try {
+            mNotifier.reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+            if (!mNotifier || inotify_add_watch(mNotifier.get(), mFolder.c_str(), kChanges) < 0)
+                throw std::system_error(errno, std::generic_category());
             mSource = std::make_unique<CoreFoundation::FileSource>(mLoop, mNotifier.get(), EPOLLIN,
                                                                    [this](std::uint32_t) { readEvents(); });
             return true;
+        } catch (const std::system_error& error) {
+            problem = "cannot watch " + mFolder + ": " + error.what();
         }
-        problem = "cannot watch " + mFolder + ": " + std::generic_category().message(errno);
     }
     if (!mComplained)
         VellLogWarning("[FolderWatch] - %s\n", problem.c_str());

@@ -33,9 +33,13 @@ private:
     void remove(const std::string& file);
     void report(const Ref<__VellHardwareDevice>& device, bool isMatch);
     void stopWatching();
+    // Null once the search has ended or the manager is being destroyed.
+    Ref<__VellHardwareManager> manager();
+    void forgetManager();
 
     const CFRunLoopRef mLoop;
-    __VellHardwareManager* mManager; // null once the search has ended
+    std::mutex mMutex;               // guards mManager
+    __VellHardwareManager* mManager; // not held; null once the search has ended
     std::string mFolder;
     std::unique_ptr<FolderWatch> mWatch;
     std::map<std::string, Ref<__VellHardwareDevice>> mDevices; // reported as matching, by file
@@ -68,7 +72,19 @@ void HardwareSearch::begin() {
     mWatch->start();
 }
 
+Ref<__VellHardwareManager> HardwareSearch::manager() {
+    const std::lock_guard lock(mMutex);
+    return mManager && mManager->tryRetain() ? Ref<__VellHardwareManager>::adopt(mManager)
+                                             : Ref<__VellHardwareManager>();
+}
+
+void HardwareSearch::forgetManager() {
+    const std::lock_guard lock(mMutex);
+    mManager = nullptr;
+}
+
 void HardwareSearch::end(std::shared_ptr<HardwareSearch> search) {
+    search->forgetManager();
     const CFRunLoopRef loop = search->mLoop;
     if (loop->isOfThisThread() && !loop->isBusy()) {
         search->stopWatching();
@@ -79,7 +95,6 @@ void HardwareSearch::end(std::shared_ptr<HardwareSearch> search) {
 }
 
 void HardwareSearch::stopWatching() {
-    mManager = nullptr;
     mWatch.reset();
     mDevices.clear();
 }
@@ -101,14 +116,15 @@ void HardwareSearch::lookAt(const std::string& file) {
     const auto known = mDevices.find(file);
     if (isMissing)
         return remove(file);
-    if (!description || !mManager)
+    const Ref<__VellHardwareManager> manager = this->manager();
+    if (!description || !manager)
         return; // as it was
     if (known != mDevices.end()) {
         if (known->second->path() == description->path)
             return; // a change in place: the device reads it when it is asked
         remove(file);
     }
-    if (!mManager->accepts(*description))
+    if (!manager->accepts(*description))
         return;
     const auto device =
         Ref<__VellHardwareDevice>::adopt(new __VellHardwareDevice(file, std::move(*description)));
@@ -128,10 +144,8 @@ void HardwareSearch::remove(const std::string& file) {
 void HardwareSearch::report(const Ref<__VellHardwareDevice>& device, bool isMatch) {
     // As an event of its own: never inside the call that opens, nor inside another callback.
     mLoop->enqueue([self = shared_from_this(), device, isMatch] {
-        if (self->mManager) {
-            const Ref<__VellHardwareManager> manager(self->mManager);
+        if (const Ref<__VellHardwareManager> manager = self->manager())
             manager->deliver(*self, device, isMatch);
-        }
     });
 }
 

@@ -23,6 +23,15 @@ public:
         if (!mImmortal)
             mReferences.fetch_add(1, std::memory_order_relaxed);
     }
+    // False when the last reference has gone already: for those who know the object without holding it.
+    bool tryRetain() {
+        long count = mReferences.load(std::memory_order_relaxed);
+        while (count > 0) {
+            if (mReferences.compare_exchange_weak(count, count + 1, std::memory_order_acq_rel))
+                return true;
+        }
+        return false;
+    }
     void release() {
         if (!mImmortal && mReferences.fetch_sub(1, std::memory_order_acq_rel) == 1)
             delete this;

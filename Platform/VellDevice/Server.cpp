@@ -67,6 +67,7 @@ void Server::acceptClients(const std::shared_ptr<Listener>& listener) {
         CoreFoundation::FileDescriptor socket(
             accept4(listener->socket.descriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (socket) {
+            mIsShort = false;
             admit(std::move(socket));
             continue;
         }
@@ -82,7 +83,9 @@ void Server::acceptClients(const std::shared_ptr<Listener>& listener) {
 
 void Server::pauseAccepting(const std::shared_ptr<Listener>& listener) {
     // The socket stays readable: watched on, it would keep the loop spinning.
-    VellLogWarning("[Server] - no client can be taken in for the moment (error %d)\n", errno);
+    if (!mIsShort)
+        VellLogWarning("[Server] - no client can be taken in for the moment (error %d)\n", errno);
+    mIsShort = true;
     listener->source->setEvents(0);
     mAcceptPause.start(kAcceptPause, [weak = std::weak_ptr(listener)] {
         const auto strong = weak.lock();

@@ -56,6 +56,7 @@ private:
     const CFRunLoopRef mLoop;
     const CommandHandler mHandler;
     Delay mAcceptPause;
+    bool mIsShort = false; // of descriptors; one log line for one shortage. The loop's thread only
 
     // Guards the fields below, so that every client sees posts in one order. Taken before a channel's lock.
     mutable std::mutex mMutex;

@@ -110,6 +110,9 @@ ServerSocket::~ServerSocket() {
 }
 
 void ServerSocket::withdraw() {
+    // Only once: afterwards a successor's socket may be there, under the same number even.
+    if (mWithdrawn.exchange(true))
+        return;
     struct stat status {};
     // While this socket answers, nobody replaces it, so what is ours now is ours when it is unlinked.
     if (lstat(mPath.c_str(), &status) == 0 && status.st_dev == mDevice && status.st_ino == mInode)

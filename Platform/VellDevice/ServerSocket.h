@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <string>
 
 struct sockaddr_un;
@@ -25,8 +26,7 @@ public:
 
     int descriptor() const { return mSocket.get(); }
     const std::string& path() const { return mPath; }
-    // Any thread, once: takes the socket out of the folder, as long as it is still ours, and turns clients
-    // away.
+    // Any thread: takes the socket out of the folder, as long as it is still ours, and turns clients away.
     void withdraw();
 
 private:
@@ -34,6 +34,7 @@ private:
     CoreFoundation::FileDescriptor mSocket;
     dev_t mDevice = 0;
     ino_t mInode = 0;
+    std::atomic<bool> mWithdrawn{false};
 };
 
 } // namespace VellService

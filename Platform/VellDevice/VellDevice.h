@@ -234,10 +234,10 @@ CFRunLoopRef VellDeviceCenterGetRunLoop(VellDeviceCenterRef center); // any thre
 // Runs the center's loop on its own thread until it is stopped. A stop that comes before the loop runs still
 // stops it.
 void VellDeviceCenterRunLoop(VellDeviceCenterRef center);
-// One pass: does what is ready and returns. On the center's thread: timers, sockets, hardware events and
-// commands, one after another. Inside a command handler or a hardware callback: posts and timers only;
-// commands and hardware events wait, in order, for the outer loop. On any other thread: only flushes outgoing
-// posts.
+// One pass: does what is ready and returns. On the center's thread: timers, then sockets, then a bounded
+// number of commands, hardware events, device events and responses, one after another. Inside a callback of
+// the loop (a command handler, an observer, a hardware callback, a timer): posts and timers only; everything
+// else waits, in order, for the outer loop. On any other thread: only flushes outgoing posts.
 void VellDeviceCenterRunLoopOnce(VellDeviceCenterRef center);
 // Any thread. Flushes what is posted, partial writes included (bounded in time when a client does not read),
 // closes and unlinks the socket and makes VellDeviceCenterRunLoop return.
