@@ -154,4 +154,14 @@ TEST_F(HardwareTest, ClosingEndsDeliveryFromAnywhere) {
     EXPECT_EQ(events.size(), 3U);
 }
 
+TEST_F(HardwareTest, MayBeReleasedElsewhereWithDeliveriesQueued) {
+    replaceFile(file("a.plist"), hardware("usb:a"));
+    const VellHardwareManagerRef other = VellHardwareManagerCreate();
+    watch(other);
+    VellHardwareManagerOpen(other); // the match waits for the loop
+    std::thread([&] { VellRelease(other); }).join();
+    runSomePasses();
+    EXPECT_THAT(events, IsEmpty());
+}
+
 } // namespace
