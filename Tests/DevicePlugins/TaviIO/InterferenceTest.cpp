@@ -69,28 +69,34 @@ protected:
     }
 };
 
-TEST_F(Interference, FaultsInCommands) {
-    const std::vector<std::pair<std::string, std::map<std::string, std::string>>> commands{
-        {"Calibrate", {}},
-        {"SetMode", {{"Mode", "SingleReflectance"}}},
-        {"SetAttribute", {{"key", "Beep"}, {"value", "no"}}},
-        {"SetAttribute", {{"key", "LowResolutionScan"}, {"value", "no"}}},
-        {"SetDevicePosition", {{"x", "10"}, {"y", "10"}}},
-        {"GetDevicePosition", {}},
-        {"GoHome", {}},
-        {"CancelMeasure", {}},
-        {"__RESET__", {}}};
-    for (const auto& [name, arguments] : commands) {
-        SCOPED_TRACE(name);
-        const auto operation = [&] { return send(name, arguments); };
-        const auto once = [](const std::vector<Post>& answers) { EXPECT_EQ(answers.size(), 1U); };
-        sweep(operation, failing, once);
-        sweep(operation, throwing, [&](const std::vector<Post>& answers) {
-            ASSERT_EQ(answers.size(), 1U);
-            EXPECT_TRUE(answers[0].code == 14 || answers[0].code == 0) << answers[0].code;
-        });
-    }
+struct CommandCase {
+    const char* label;
+    const char* name;
+    std::map<std::string, std::string> arguments;
+};
+
+class CommandFaults : public Interference, public ::testing::WithParamInterface<CommandCase> {};
+
+TEST_P(CommandFaults, AnswerOnce) {
+    const auto operation = [&] { return send(GetParam().name, GetParam().arguments); };
+    sweep(operation, failing, [](const std::vector<Post>& answers) { EXPECT_EQ(answers.size(), 1U); });
+    sweep(operation, throwing, [](const std::vector<Post>& answers) {
+        ASSERT_EQ(answers.size(), 1U);
+        EXPECT_TRUE(answers[0].code == 14 || answers[0].code == 0) << answers[0].code;
+    });
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Every, CommandFaults,
+    ::testing::Values(CommandCase{"Calibrate", "Calibrate", {}},
+                      CommandCase{"SetMode", "SetMode", {{"Mode", "SingleReflectance"}}},
+                      CommandCase{"SetOption", "SetAttribute", {{"key", "Beep"}, {"value", "no"}}},
+                      CommandCase{
+                          "LowResolution", "SetAttribute", {{"key", "LowResolutionScan"}, {"value", "no"}}},
+                      CommandCase{"Move", "SetDevicePosition", {{"x", "10"}, {"y", "10"}}},
+                      CommandCase{"Position", "GetDevicePosition", {}}, CommandCase{"GoHome", "GoHome", {}},
+                      CommandCase{"Cancel", "CancelMeasure", {}}, CommandCase{"Reset", "__RESET__", {}}),
+    [](const auto& info) { return std::string(info.param.label); });
 
 class ScanFaults : public Interference {
 protected:
