@@ -117,8 +117,13 @@ class Client:
             data += part
         return data
 
+    def frame(self):
+        """A frame as it is on the wire."""
+        header = self._bytes(4)
+        return header + self._bytes(struct.unpack(">I", header)[0])
+
     def receive(self):
-        return plistlib.loads(self._bytes(struct.unpack(">I", self._bytes(4))[0]))
+        return plistlib.loads(self.frame()[4:])
 
     def response(self, ticket):
         while True:
