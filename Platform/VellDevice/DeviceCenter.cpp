@@ -158,7 +158,7 @@ Ref<__VellReceipt> __VellDeviceCenter::sendCommand(__VellDevice& device, const _
         copy->deviceName = fields.name;
     if (textOf(copy->devicePath.get()).empty())
         copy->devicePath = Ref(fields.pathOrAttribute());
-    const Ref<__VellReceipt> receipt = copy->receipt;
+    Ref<__VellReceipt> receipt = copy->receipt;
     if (device.kind == __VellDevice::Kind::mirror)
         return mClient->send(device.link, copy) ? receipt : Ref<__VellReceipt>();
     mLoop->enqueue([this, copy] { deliver(copy); });

@@ -9,7 +9,7 @@
 namespace VellService {
 namespace {
 
-constexpr std::size_t kReadSize = 64 * 1024;
+constexpr std::size_t kReadSize = std::size_t{64} * 1024;
 constexpr int kReadsInARow = 16; // before other descriptors get their turn
 constexpr std::size_t kFramesPerWrite = 16;
 

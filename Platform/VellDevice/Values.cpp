@@ -67,7 +67,7 @@ VellDataRef dataOfFile(VellStringRef path) {
     if (!file || fstat(file.get(), &status) != 0 || S_ISDIR(status.st_mode))
         return nullptr;
     std::string bytes;
-    constexpr std::size_t step = 64 * 1024;
+    constexpr std::size_t step = std::size_t{64} * 1024;
     constexpr std::size_t limit = std::numeric_limits<int>::max();
     for (;;) {
         const std::size_t size = bytes.size();
