@@ -40,9 +40,9 @@ struct __CFRunLoop final : CoreFoundation::Object {
 
     // Fires the timers that are due now; false when there were none.
     bool fireTimers();
-    // One pass: the due timers, the descriptors that are ready, then the events that are queued (a bounded number,
-    // and only while `goesOn` says so). With Wait::forWork, and when no timer was due, it waits until there is
-    // something to do; a wait may end without any. A nested pass only fires timers.
+    // One pass: the due timers, the descriptors that are ready, then the events that are queued (a bounded
+    // number, and only while `goesOn` says so). With Wait::forWork, and when no timer was due, it waits until
+    // there is something to do; a wait may end without any. A nested pass only fires timers.
     void pass(Wait wait, const std::function<bool()>& goesOn);
     void pass(Wait wait);
 

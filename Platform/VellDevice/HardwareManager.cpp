@@ -10,9 +10,8 @@ using namespace VellService;
 
 namespace VellService {
 
-// One opening of a manager: the devices it has reported, and the watch over the folder. It lives on the loop
-// of the thread that opened; only the last reference may go on another, and then it is handed back to the
-// loop.
+// One opening of a manager: the devices it has reported, and the watch over the folder. It works on the loop
+// of the thread that opened; an end that comes from another thread is carried out there, too.
 class HardwareSearch : public std::enable_shared_from_this<HardwareSearch> {
 public:
     HardwareSearch(CFRunLoopRef loop, __VellHardwareManager& manager) : mLoop(loop), mManager(&manager) {
