@@ -96,7 +96,7 @@ INSTANTIATE_TEST_SUITE_P(
                       CommandCase{"Move", "SetDevicePosition", {{"x", "10"}, {"y", "10"}}},
                       CommandCase{"Position", "GetDevicePosition", {}}, CommandCase{"GoHome", "GoHome", {}},
                       CommandCase{"Cancel", "CancelMeasure", {}}, CommandCase{"Reset", "__RESET__", {}}),
-    [](const auto& info) { return std::string(info.param.label); });
+    [](const auto& given) { return std::string(given.param.label); });
 
 class ScanFaults : public Interference {
 protected:
