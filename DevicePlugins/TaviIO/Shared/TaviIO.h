@@ -196,6 +196,7 @@ protected:
     void handleCancel();
     void handleSetDevicePosition(const VellDevice::Command& command, VellDevice::MutableResponse& response);
     void handleGetDevicePosition(VellDevice::MutableResponse& response);
+    int readHeadPosition(IOPoint& head);
     void handleGoHome(VellDevice::MutableResponse& response);
     // The head goes home: hold position off, home, hold position off. Results are not looked at.
     void parkHead();

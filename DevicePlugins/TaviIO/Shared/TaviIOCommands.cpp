@@ -74,16 +74,22 @@ void TaviIO::handleSetDevicePosition(const Command& command, MutableResponse& re
 }
 
 void TaviIO::handleGetDevicePosition(MutableResponse& response) {
-    float x = 0;
-    float y = 0;
+    IOPoint head{};
+    const int status = readHeadPosition(head);
+    response.setCode(sdkError2Error(status));
+    response.setMessage(status == 0 ? TextFromFloat(head.x) + "," + TextFromFloat(head.y)
+                                    : option("LastError"));
+}
+
+// Where the head is; an SDK status.
+int TaviIO::readHeadPosition(IOPoint& head) {
     int status = 0;
     {
         const SDKLock lock(*this);
-        status = Tavi_GetPosition(&x, &y);
+        status = Tavi_GetPosition(&head.x, &head.y);
     }
     logIfError("Tavi_GetPosition", status);
-    response.setCode(sdkError2Error(status));
-    response.setMessage(status == 0 ? TextFromFloat(x) + "," + TextFromFloat(y) : option("LastError"));
+    return status;
 }
 
 void TaviIO::handleGoHome(MutableResponse& response) {

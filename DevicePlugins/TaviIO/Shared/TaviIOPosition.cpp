@@ -40,19 +40,15 @@ void TaviIO::_measurePosition(const Command& command) {
 
 // On success the response carries the position.
 int TaviIO::readPosition(MutableResponse& response) {
-    float x = 0;
-    float y = 0;
-    int status = 0;
-    {
-        const SDKLock lock(*this);
-        status = Tavi_GetPosition(&x, &y);
-    }
-    logIfError("Tavi_GetPosition", status);
+    IOPoint head{};
+    const int status = readHeadPosition(head);
     if (status != 0)
         return status;
+    const std::string x = TextFromFloat(head.x);
+    const std::string y = TextFromFloat(head.y);
     Measurement measurement;
-    measurement.addColorRepresentation(positionIn(ColorSpaceSpectral, TextFromFloat(x), TextFromFloat(y)));
-    measurement.addColorRepresentation(positionIn(ColorSpacePosition, TextFromFloat(x), TextFromFloat(y)));
+    measurement.addColorRepresentation(positionIn(ColorSpaceSpectral, x, y));
+    measurement.addColorRepresentation(positionIn(ColorSpacePosition, x, y));
     MutableMeasurementSet set;
     set.addMeasurement(measurement);
     response.setMeasurementSet(set);
