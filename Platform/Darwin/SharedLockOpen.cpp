@@ -1,18 +1,19 @@
 #include "SharedLockOpen.h"
 
-#include <cerrno>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 namespace {
 
 // O_NONBLOCK only matters for what is no regular file: it keeps the open of a pipe from waiting for a writer.
 constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
 
-// A file that exists is opened without O_CREAT: in a sticky folder the kernel may refuse O_CREAT on another user's
-// file although reading it is allowed.
+// A file that exists is opened without O_CREAT: in a sticky folder the kernel may refuse O_CREAT on another
+// user's file although reading it is allowed.
 int openOrCreate(const char* path) {
     for (;;) {
         int fd = open(path, kFlags);

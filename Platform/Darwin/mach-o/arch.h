@@ -21,7 +21,7 @@ struct NXArchInfo {
     const char* description;
 };
 
-// What this process runs as. Every 64-bit processor that the home platform never had reports itself as x86-64, the
-// one whose device class the 64-bit bundles name. Static storage; any thread.
+// What this process runs as. Every 64-bit processor that the home platform never had reports itself as
+// x86-64, the one whose device class the 64-bit bundles name. Static storage; any thread.
 const NXArchInfo* NXGetLocalArchInfo();
 }
