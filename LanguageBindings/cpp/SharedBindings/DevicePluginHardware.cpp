@@ -236,7 +236,6 @@ bool DevicePlugin::TestAndSetDying() {
 }
 
 void DevicePlugin::ResetDying() {
-    VELL_TRACE();
     const ThreadLock lock(mDyingLock);
     VellLogInfo("[DevicePlugin::ResetDying] {%s}\n", textOf(mDevicePath));
     mDying = false;
