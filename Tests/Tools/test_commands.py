@@ -2,13 +2,12 @@
 
 import json
 import os
-import re
 import signal
 import subprocess
 import sys
 import unittest
 
-from support import Chart, Client, ToolsTest, read_measurements, wait_until
+from support import Chart, ToolsTest, read_measurements, wait_until
 
 ROOT = os.path.join(os.path.dirname(__file__), "..", "..")
 
@@ -146,21 +145,6 @@ class CommandsTest(ToolsTest):
         for line, spectrum in zip(lines, self.chart.spectra.values()):
             self.assertAlmostEqual(float(line[2]), 116 * (sum(spectrum) / 36) ** (1 / 3) - 16, delta=2)
         self.assertEqual(self.tablectl("get", "LockHolder")[0], "\n")
-
-    def test_the_worked_example_of_the_documentation(self):
-        with open(os.path.join(ROOT, "docs", "commands.md")) as file:
-            blocks = re.findall(r"^    (000000[0-9a-f ]+(?:\n    [0-9a-f ]+)*)$", file.read(), re.M)
-        command, response = (bytes.fromhex(block) for block in blocks)
-        self.attach("usb:table-1")
-        path = os.path.join(self.runtime, "4dd967c9.sock")
-        wait_until(lambda: os.path.exists(path), "the socket")
-        client = Client(path)
-        self.addCleanup(client.close)
-        client.status()
-        client.socket.sendall(command)
-        while b"Response" not in (frame := client.frame()):
-            pass
-        self.assertEqual(frame, response)
 
     def test_two_tables_measure_two_charts_at_once(self):
         other = Chart(3, 5, seed=2)

@@ -1,0 +1,70 @@
+"""What the documentation says is what the programs do."""
+
+import os
+import re
+import subprocess
+import unittest
+
+from support import BIN, Client, ToolsTest, read_measurements, wait_until
+
+ROOT = os.path.join(os.path.dirname(__file__), "..", "..")
+
+
+class DocumentationTest(ToolsTest):
+    def read(self, *name):
+        with open(os.path.join(ROOT, *name)) as file:
+            return file.read()
+
+    def test_manual_and_completion_know_every_command_and_option(self):
+        manual = self.read("Tools", "data", "tablectl.1").replace("Fl -", "--")
+        completion = self.read("Tools", "data", "tablectl.bash")
+        usage = self.tablectl("--help")[0]
+        commands = re.findall(r"^  (\w+)  ", usage[usage.index("Subcommands:"):], re.M)
+        self.assertGreater(len(commands), 10)
+        for command in commands:
+            self.assertRegex(manual, rf"\.It Cm {command}\b")
+            self.assertRegex(completion, rf"\b{command}\b")
+            usage += self.tablectl(command, "--help")[0]
+        for option in set(re.findall(r"--[a-z-]+", usage)) - {"--help", "--version"}:
+            self.assertIn(option, manual)
+            self.assertIn(option, completion)
+        service = subprocess.run([os.path.join(BIN, "vell-service"), "--help"], capture_output=True, text=True).stdout
+        for option in set(re.findall(r"--[a-z-]+", service)) - {"--help", "--version"}:
+            self.assertIn(option, self.read("Tools", "data", "vell-service.1").replace("Fl -", "--"))
+
+    def test_the_tour_of_the_readme(self):
+        """Every command that the tour shows, in its order."""
+        os.symlink(os.path.join(os.path.abspath(ROOT), "Examples"), self.path("Examples"))
+        self.environment["PATH"] = BIN + ":" + self.environment["PATH"]
+        lines = re.findall(r"^    ((?:tablectl|vell-service|python3) .*)$", self.read("README.md"), re.M)
+        self.assertGreater(len(lines), 15)
+        for line in lines:
+            if line.startswith("vell-service"):
+                self.start_service()
+                continue
+            preload = {} if line.startswith("python3") else {"LD_PRELOAD": self.environment["LD_PRELOAD"]}
+            result = subprocess.run(line, shell=True, cwd=self.folder, capture_output=True, text=True, timeout=120,
+                                    env={**{k: v for k, v in self.environment.items() if k != "LD_PRELOAD"}, **preload})
+            self.assertEqual(result.returncode, 0, line + "\n" + result.stderr)
+        for name, readings in (("out.txt", 223), ("rows.txt", 3 * 21 * 3)):
+            self.assertEqual(len(read_measurements(self.path(name))), readings)
+
+    def test_the_worked_example_of_the_documentation(self):
+        with open(os.path.join(ROOT, "docs", "commands.md")) as file:
+            blocks = re.findall(r"^    (000000[0-9a-f ]+(?:\n    [0-9a-f ]+)*)$", file.read(), re.M)
+        command, response = (bytes.fromhex(block) for block in blocks)
+        self.start_service()
+        self.attach("usb:table-1")
+        path = os.path.join(self.runtime, "4dd967c9.sock")
+        wait_until(lambda: os.path.exists(path), "the socket")
+        client = Client(path)
+        self.addCleanup(client.close)
+        client.status()
+        client.socket.sendall(command)
+        while b"Response" not in (frame := client.frame()):
+            pass
+        self.assertEqual(frame, response)
+
+
+if __name__ == "__main__":
+    unittest.main()
