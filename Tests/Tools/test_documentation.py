@@ -32,22 +32,27 @@ class DocumentationTest(ToolsTest):
         for option in set(re.findall(r"--[a-z-]+", service)) - {"--help", "--version"}:
             self.assertIn(option, self.read("Tools", "data", "vell-service.1").replace("Fl -", "--"))
 
-    def test_the_tour_of_the_readme(self):
-        """Every command that the tour shows, in its order."""
+    def run_commands(self, *document):
+        """Every command that a document shows, in its order, with a service in the background."""
         os.symlink(os.path.join(os.path.abspath(ROOT), "Examples"), self.path("Examples"))
         self.environment["PATH"] = BIN + ":" + self.environment["PATH"]
-        lines = re.findall(r"^    ((?:tablectl|vell-service|python3) .*)$", self.read("README.md"), re.M)
-        self.assertGreater(len(lines), 15)
+        without_preload = {key: value for key, value in self.environment.items() if key != "LD_PRELOAD"}
+        self.start_service()
+        lines = re.findall(r"^    ((?:tablectl|python3) .*)$", self.read(*document), re.M)
+        self.assertGreater(len(lines), 8)
         for line in lines:
-            if line.startswith("vell-service"):
-                self.start_service()
-                continue
-            preload = {} if line.startswith("python3") else {"LD_PRELOAD": self.environment["LD_PRELOAD"]}
             result = subprocess.run(line, shell=True, cwd=self.folder, capture_output=True, text=True, timeout=120,
-                                    env={**{k: v for k, v in self.environment.items() if k != "LD_PRELOAD"}, **preload})
-            self.assertEqual(result.returncode, 0, line + "\n" + result.stderr)
+                                    env=without_preload if line.startswith("python3") else self.environment)
+            self.assertEqual(result.returncode, 0, f"{line}\n{result.stderr}")
+
+    def test_the_tour_of_the_readme(self):
+        self.run_commands("README.md")
         for name, readings in (("out.txt", 223), ("rows.txt", 3 * 21 * 3)):
             self.assertEqual(len(read_measurements(self.path(name))), readings)
+
+    def test_the_problems_of_the_virtual_instrument(self):
+        self.run_commands("docs", "virtual-instrument.md")
+        self.assertEqual(len(read_measurements(self.path("out.txt"))), 223)
 
     def test_the_worked_example_of_the_documentation(self):
         with open(os.path.join(ROOT, "docs", "commands.md")) as file:
