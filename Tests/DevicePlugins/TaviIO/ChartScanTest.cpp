@@ -180,8 +180,12 @@ TEST_F(ChartScan, RetryOnTheCancelAnswerIsLeftAlone) {
         return answersTo(second).empty() || answersTo(second)[0].code != 23;
     });
     finishMeasurements();
-    ASSERT_EQ(answersTo(first).size(), 1U);
-    EXPECT_EQ(answersTo(first)[0].code, -1023);
+    // Rows may have been read before the cancellation; it is answered once, and nothing comes after it.
+    const std::vector<Post> answers = answersTo(first);
+    ASSERT_FALSE(answers.empty());
+    for (std::size_t index = 0; index + 1 < answers.size(); ++index)
+        EXPECT_EQ(answers[index].code, 0);
+    EXPECT_EQ(answers.back().code, -1023);
     expectChart(answersTo(second), chart);
 }
 
