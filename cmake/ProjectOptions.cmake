@@ -20,7 +20,7 @@ function(tavi_add_test name)
     target_link_libraries(${name} PRIVATE project_options ${ARG_LIBRARIES} GTest::gmock GTest::gtest_main)
     set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
     if(NOT ARG_TIMEOUT)
-        set(ARG_TIMEOUT 60)
+        set(ARG_TIMEOUT 180) # far more than any takes, under a sanitizer on a loaded machine too
     endif()
     include(GoogleTest)
     gtest_discover_tests(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} DISCOVERY_TIMEOUT 60)
