@@ -231,29 +231,22 @@ TEST_F(Meanwhile, SpectrophotometerLiftedAtEveryCall) {
         [](const std::vector<Post>& answers) { expectRowsThenReason(answers, 2); });
 }
 
-// A worker that outlives the reset: it sits in a strip longer than the reset waits.
+// A worker that outlives the reset: its strip ends only when the reset has waited its time and given the
+// measurement up.
 TEST_F(Interference, WorkerThatAResetLeavesBehind) {
     const ChartOnTable chart{.rows = 4, .columns = 4};
     place(chart);
     std::atomic<bool> inStrip{false};
-    std::atomic<bool> stripEnds{false};
     calls.interfere([&](int, const TaviSDK::Call& call) -> std::optional<int> {
         if (call.name == "Tavi_Scan" && !inStrip.exchange(true))
-            while (!stripEnds)
+            while (driver->isMeasuring())
                 std::this_thread::yield();
         return std::nullopt;
     });
     const std::string first = send("Measure", chart.measureArguments());
     passUntil([&] { return inStrip.load(); });
-    // The reset itself needs the instrument in the end: the strip ends after its five seconds.
     takeSleptSeconds();
-    std::atomic<unsigned> slept{0};
-    onSleep([&](unsigned seconds) {
-        if ((slept += seconds) >= 5)
-            stripEnds = true;
-    });
     EXPECT_EQ(ask("__RESET__").code, 0);
-    onSleep({});
     EXPECT_GE(takeSleptSeconds(), 5U);
     const std::string second = send("Measure", chart.measureArguments());
     finishMeasurements();
