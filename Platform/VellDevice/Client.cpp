@@ -67,7 +67,8 @@ void Client::requestSearch() {
 
 void Client::beginSearch() {
     mFolder = runtimeFolderPath();
-    mWatch = std::make_unique<FolderWatch>(mLoop, mFolder, ensureRuntimeFolder, [this] { look(); });
+    mWatch = std::make_unique<FolderWatch>(mLoop, mFolder, ensureRuntimeFolder,
+                                           [this](const std::set<std::string>&) { look(); });
     mWatch->start();
 }
 

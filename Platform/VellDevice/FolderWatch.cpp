@@ -11,14 +11,15 @@ namespace VellService {
 namespace {
 
 constexpr CFTimeInterval kRetryPause = 1.0;
-constexpr std::uint32_t kChanges = IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE |
-                                   IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr std::uint32_t kEntryGone = IN_MOVED_FROM | IN_DELETE;
+constexpr std::uint32_t kChanges =
+    IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO | kEntryGone | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr std::uint32_t kFolderGone = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
 
 } // namespace
 
 FolderWatch::FolderWatch(CFRunLoopRef loop, std::string folder,
-                         std::function<std::optional<std::string>()> ensure, std::function<void()> changed)
+                         std::function<std::optional<std::string>()> ensure, Changed changed)
     : mLoop(loop),
       mFolder(std::move(folder)),
       mEnsure(std::move(ensure)),
@@ -32,7 +33,7 @@ void FolderWatch::start() {
         mComplained = false;
     else
         mRetry.start(kRetryPause, [this] { start(); });
-    mChanged();
+    mChanged({});
 }
 
 bool FolderWatch::watch() {
@@ -63,21 +64,23 @@ void FolderWatch::lose() {
 
 void FolderWatch::readEvents() {
     alignas(inotify_event) char buffer[4096];
-    bool gone = false;
+    bool isLost = false;
+    std::set<std::string> gone;
     for (;;) {
         const ssize_t count = read(mNotifier.get(), buffer, sizeof buffer);
         if (count <= 0)
             break;
         for (ssize_t position = 0; position < count;) {
             const auto* event = reinterpret_cast<const inotify_event*>(buffer + position);
-            gone = gone || (event->mask & kFolderGone) != 0;
+            isLost = isLost || (event->mask & kFolderGone) != 0;
+            if (event->mask & kEntryGone)
+                gone.insert(event->name);
             position += static_cast<ssize_t>(sizeof *event + event->len);
         }
     }
-    if (gone)
+    mChanged(gone);
+    if (isLost)
         lose();
-    else
-        mChanged();
 }
 
 } // namespace VellService

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 namespace VellService {
@@ -16,8 +17,12 @@ namespace VellService {
 // second. The loop's thread only.
 class FolderWatch {
 public:
+    // `gone` are the names of entries that have left since the last call, even if they are there again by
+    // now.
+    using Changed = std::function<void(const std::set<std::string>& gone)>;
+
     FolderWatch(CFRunLoopRef loop, std::string folder, std::function<std::optional<std::string>()> ensure,
-                std::function<void()> changed);
+                Changed changed);
     ~FolderWatch();
 
     void start();
@@ -30,7 +35,7 @@ private:
     const CFRunLoopRef mLoop;
     const std::string mFolder;
     const std::function<std::optional<std::string>()> mEnsure;
-    const std::function<void()> mChanged;
+    const Changed mChanged;
     CoreFoundation::FileDescriptor mNotifier;
     std::unique_ptr<CoreFoundation::FileSource> mSource;
     Delay mRetry;

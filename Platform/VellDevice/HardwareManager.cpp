@@ -27,7 +27,7 @@ public:
     static void end(std::shared_ptr<HardwareSearch> search);
 
 private:
-    void look();
+    void look(const std::set<std::string>& gone);
     void lookAt(const std::string& file);
     void remove(const std::string& file);
     void report(const Ref<__VellHardwareDevice>& device, bool isMatch);
@@ -67,7 +67,8 @@ std::set<std::string> filesIn(const std::string& folder) {
 void HardwareSearch::begin() {
     mFolder = hardwareFolderPath();
     mWatch = std::make_unique<FolderWatch>(
-        mLoop, mFolder, [folder = mFolder] { return ensureFolder(folder); }, [this] { look(); });
+        mLoop, mFolder, [folder = mFolder] { return ensureFolder(folder); },
+        [this](const std::set<std::string>& gone) { look(gone); });
     mWatch->start();
 }
 
@@ -98,7 +99,10 @@ void HardwareSearch::stopWatching() {
     mDevices.clear();
 }
 
-void HardwareSearch::look() {
+void HardwareSearch::look(const std::set<std::string>& gone) {
+    // A device that was plugged in again before we looked was away all the same: whoever used it must let go.
+    for (const std::string& name : gone)
+        remove(mFolder + "/" + name);
     const std::set<std::string> files = filesIn(mFolder);
     for (auto device = mDevices.begin(); device != mDevices.end();) {
         const std::string file = (device++)->first;

@@ -75,6 +75,19 @@ TEST_F(HardwareTest, FilesThatComeAndGoAreAttachesAndRemovals) {
     EXPECT_EQ(textOf(static_cast<VellStringRef>(path.get())), file("b.plist"));
 }
 
+TEST_F(HardwareTest, DeviceThatWasAwayForAMomentWasAway) {
+    replaceFile(file("a.plist"), hardware("usb:a"));
+    VellHardwareManagerOpen(manager());
+    ASSERT_TRUE(becomes({"+usb:a"}));
+    std::filesystem::remove(file("a.plist"));
+    replaceFile(file("a.plist"), hardware("usb:a")); // before the loop has looked
+    ASSERT_TRUE(becomes({"+usb:a", "-usb:a", "+usb:a"}));
+    std::filesystem::remove_all(folder.hardwareFolder());
+    std::filesystem::create_directory(folder.hardwareFolder());
+    replaceFile(file("a.plist"), hardware("usb:a"));
+    EXPECT_TRUE(becomes({"+usb:a", "-usb:a", "+usb:a", "-usb:a", "+usb:a"}));
+}
+
 TEST_F(HardwareTest, FolderIsMadePrivateAndMadeAgain) {
     VellHardwareManagerOpen(manager());
     const auto mode = std::filesystem::status(folder.hardwareFolder()).permissions();
