@@ -1,6 +1,7 @@
 #include "HardwareDevice.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <memory>
@@ -15,8 +16,15 @@ std::optional<std::string> contentsOf(const std::string& path, bool& isMissing) 
     isMissing = !file && errno == ENOENT;
     if (!file)
         return std::nullopt;
-    std::string contents(kMaximumFile, '\0');
-    contents.resize(std::fread(contents.data(), 1, contents.size(), file.get()));
+    // Piece by piece: this is read whenever somebody asks for a sibling, and is seldom more than one piece.
+    std::string contents;
+    std::array<char, 4096> piece;
+    while (contents.size() < kMaximumFile) {
+        const std::size_t count = std::fread(piece.data(), 1, piece.size(), file.get());
+        if (count == 0)
+            break;
+        contents.append(piece.data(), count);
+    }
     return std::ferror(file.get()) ? std::nullopt : std::optional(std::move(contents));
 }
 
@@ -44,8 +52,8 @@ std::optional<HardwareDescription> HardwareDescription::read(const std::string& 
     if (const plist_t siblings = arrayIn(root.get(), "Siblings")) {
         forEachElement(siblings, [&](plist_t sibling) {
             const bool isDictionary = plist_get_node_type(sibling) == PLIST_DICT;
-            if (const auto identifier = isDictionary ? identifierIn(sibling) : std::nullopt)
-                description.siblings.push_back(*identifier);
+            if (const auto known = isDictionary ? identifierIn(sibling) : std::nullopt)
+                description.siblings.push_back(*known);
         });
     }
     return description;
