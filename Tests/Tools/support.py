@@ -160,9 +160,9 @@ class ToolsTest(unittest.TestCase):
     def path(self, name):
         return os.path.join(self.folder, name)
 
-    def start(self, program, *arguments, **options):
-        process = subprocess.Popen([os.path.join(BIN, program), *arguments], env=self.environment, text=True,
-                                   **options)
+    def start(self, program, *arguments, environment=None, **options):
+        process = subprocess.Popen([os.path.join(BIN, program), *arguments], text=True,
+                                   env=self.environment | (environment or {}), **options)
         self.addCleanup(self.end, process)
         return process
 
@@ -191,11 +191,11 @@ class ToolsTest(unittest.TestCase):
             with open(self.service_log) as log:
                 print(log.read(), file=sys.stderr)
 
-    def start_service(self, *arguments):
+    def start_service(self, *arguments, **options):
         self.service_log = self.path("service.log")
         self.addCleanup(self.show_log)
         with open(self.service_log, "a") as log:
-            return self.start("vell-service", *arguments, stderr=log)
+            return self.start("vell-service", *arguments, stderr=log, **options)
 
     def log_lines(self, text):
         with open(self.service_log) as log:
@@ -236,5 +236,5 @@ def is_running(process):
     try:
         with open(f"/proc/{process}/stat") as file:
             return file.read().rsplit(")", 1)[1].split()[0] != "Z"
-    except FileNotFoundError:
+    except (FileNotFoundError, ProcessLookupError):
         return False

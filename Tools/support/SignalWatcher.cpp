@@ -44,4 +44,9 @@ void SignalWatcher::watch() {
     }
 }
 
+void makeFailedWritesErrors() {
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+}
+
 } // namespace tools

@@ -24,4 +24,7 @@ private:
     std::thread mThread;
 };
 
+// A closed pipe and a full disk, which end a process by default, become errors of its writes like any other.
+void makeFailedWritesErrors();
+
 } // namespace tools

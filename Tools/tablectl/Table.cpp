@@ -81,8 +81,10 @@ Table Table::find(Context& context) {
     std::vector<DeviceStatus> devices = discover(context);
     std::erase_if(devices, [&](const DeviceStatus& status) { return !matches(status, wanted); });
     if (devices.empty()) {
-        throw NoDevice(wanted.empty() ? "no device in " + VellService::runtimeFolderPath()
-                                      : "no such device: " + wanted);
+        if (!wanted.empty())
+            throw NoDevice("no such device: " + wanted);
+        throw NoDevice("no device in " + VellService::runtimeFolderPath() +
+                       (socketCount() > 0 ? ": the plug-in there has not connected its table yet" : ""));
     }
     if (devices.size() > 1) {
         std::string paths;

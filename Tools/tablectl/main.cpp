@@ -63,9 +63,7 @@ int perform(const Action& action, Context& context) {
 }
 
 int run(const Options& options, const Action& action) {
-    // A closed pipe and a full disk are errors like any other, or the head would stay where it is.
-    std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGXFSZ, SIG_IGN);
+    tools::makeFailedWritesErrors(); // or the head would stay where it is
     Session* session = nullptr;
     std::atomic<int> early{0};
     std::mutex mutex; // guards `session`

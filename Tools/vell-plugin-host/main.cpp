@@ -76,6 +76,7 @@ int main(int argc, const char** argv) {
         std::fputs("vell-plugin-host: the service that started this plug-in is gone\n", stderr);
         return 0;
     }
+    tools::makeFailedWritesErrors(); // a log that takes no more is no reason to end
     const Entry entry = loadEntry(codeOf(argv[2]));
     if (!entry)
         return 1;

@@ -161,6 +161,7 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
     try {
+        tools::makeFailedWritesErrors(); // a log that takes no more is no reason to end
         const auto options = parseOptions(argc, argv);
         return options ? run(*options) : 0;
     } catch (const UsageError& error) {

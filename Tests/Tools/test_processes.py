@@ -1,0 +1,472 @@
+"""What befalls processes: one of them is killed at a stage of its work, a lock is held, a disk is full, the date is
+stepped, many start at once. Each time the others go on or end as they should, and nothing is left behind."""
+
+import contextlib
+import ctypes
+import os
+import plistlib
+import resource
+import shutil
+import signal
+import subprocess
+import unittest
+
+from support import BIN, Chart, Client, ToolsTest, is_running, read_measurements, single, wait_until, BANDS
+
+CLOCK_SPEED = 100  # where it is fast: the 30 seconds of a client's lock pass in 0.3
+HANG = "hang=3600"  # until the fault is lifted
+
+
+def hash_of(text):
+    """As the names of lock files and sockets have it: 32-bit FNV-1a."""
+    result = 0x811C9DC5
+    for byte in text.encode():
+        result = (result ^ byte) * 0x01000193 & 0xFFFFFFFF
+    return result
+
+
+class Victim:
+    """A client in a process of its own, to be killed."""
+
+    def __init__(self, socket, work):
+        done, says_done = os.pipe()
+        self.pid = os.fork()
+        if self.pid == 0:
+            with contextlib.suppress(BaseException):
+                client = Client(socket)
+                work(client)
+                os.write(says_done, b"!")
+                while True:
+                    signal.pause()
+            os._exit(1)
+        os.close(says_done)
+        assert os.read(done, 1), "the client could not do its work"
+        os.close(done)
+
+    def kill(self):
+        if self.pid:
+            os.kill(self.pid, signal.SIGKILL)
+            os.waitpid(self.pid, 0)
+            self.pid = 0
+
+
+class LockHolder:
+    """flock(1), holding a lock file."""
+
+    def __init__(self, path):
+        self.path = path
+        self.process = subprocess.Popen(["flock", path, "sh", "-c", "echo held; cat"], stdin=subprocess.PIPE,
+                                        stdout=subprocess.PIPE)
+        assert self.process.stdout.readline() == b"held\n"
+
+    def release(self):
+        self.process.communicate()
+
+    def remove(self):
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(self.path)
+
+
+class ProcessesTest(ToolsTest):
+    """The tables have a family of their own, so that nobody else waits for its lock, and paths of their own."""
+
+    def setUp(self):
+        super().setUp()
+        own = os.path.basename(self.folder).removeprefix("tools-test-")
+        self.bundle = self.path("Own.bundle")
+        shutil.copytree(os.path.join(os.path.dirname(BIN), "lib", "TaviIO.bundle"), self.bundle)
+        properties = os.path.join(self.bundle, "Contents", "Info.plist")
+        with open(properties, "rb") as file:
+            contents = plistlib.load(file)
+        with open(properties, "wb") as file:
+            plistlib.dump(contents | {"VellDevicePluginSharedFamilyLockName": f"Tests/{own}"}, file)
+        self.family_lock = f"/tmp/tests_{own.lower()}"
+        self.table = f"usb:{own}"
+        self.chart = Chart(3, 4)
+        self.layout = self.write_chart(self.chart)
+        self.settings = 0
+
+    def hurried_tablectl(self, *arguments, status):
+        """Runs a command that does not wait long for a device, as none will come; what it said."""
+        process = self.start("tablectl", *arguments, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                             environment=self.steering(clock_speed=20))
+        _, error = process.communicate()
+        self.assertEqual(process.returncode, status, error)
+        return error
+
+    def steering(self, clock_speed):
+        return {"LD_PRELOAD": f"{os.environ['STEERED_TIME']}:{os.environ['FAST_SLEEP']}",
+                "CLOCK_SPEED": str(clock_speed)}
+
+    def lock_files(self, *tables):
+        number = [hash_of(table) for table in tables or (self.table,)]
+        signed = [value - (1 << 32) if value >> 31 else value for value in number]
+        return [path for path in (self.family_lock, *(f"/tmp/{value}" for value in signed)) if os.path.exists(path)]
+
+    def start_service(self, *arguments, clock_speed=1, **options):
+        environment = self.steering(clock_speed) | options.pop("environment", {})
+        return super().start_service("--bundle", self.bundle, *arguments, environment=environment, **options)
+
+    def socket(self, table=None):
+        path = os.path.join(self.runtime, f"{hash_of(table or self.table):08x}.sock")
+        return wait_until(lambda: os.path.exists(path) and path, "the socket")
+
+    def log(self, process=None):
+        path = os.path.join(self.runtime, "log", f"TaviTable_{process or self.plugin_processes()[-1]}.log")
+        with contextlib.suppress(FileNotFoundError), open(path) as file:
+            return file.read()
+        return ""
+
+    def wait_for_log(self, text, count=1):
+        wait_until(lambda: self.plugin_processes() and self.log().count(text) >= count, text)
+
+    def simulate(self, fault="", client=None):
+        """Changes the table's settings; with a client, waits until the plug-in works with them."""
+        self.settings += 1
+        serial = f"S-{self.settings}"
+        self.attach(self.table, Chart=self.layout, SerialNumber=serial, Fault=fault)
+        if client:
+            client.status(lambda record: record["SerialNumber"] == serial)
+
+    def client(self, table=None):
+        client = Client(self.socket(table))
+        self.addCleanup(client.close)
+        client.record = client.status()
+        return client
+
+    def get_ready(self, client):
+        for name, arguments in (("Calibrate", {}), ("SetMode", {"Mode": "ScanningReflectance"})):
+            wait_until(lambda: client.call(name, arguments)["Code"] == 0, name)
+
+    def assert_measures(self, client):
+        """The chart is measured whole, once whatever ran before has ended."""
+        self.get_ready(client)
+
+        def first_row():
+            response = client.response(client.send("Measure", self.chart.arguments()))
+            return response["Code"] != 23 and response
+
+        rows = [wait_until(first_row, "a measurement")]
+        rows += [client.response(rows[0]["Ticket"]) for _ in range(1, self.chart.rows)]
+        self.assert_rows(rows)
+
+    def assert_rows(self, rows):
+        self.assertEqual([row["Code"] for row in rows], [0] * self.chart.rows)
+        for number, row in enumerate(rows):
+            for column, measurement in enumerate(row["MeasurementSet"]):
+                spectrum = next(color for color in measurement["Colors"] if color["ColorSpace"] == "Spectral")
+                self.assertEqual([single(float(value)) for value in spectrum["Values"]],
+                                 [single(value) for value in self.chart.spectra[number, column]])
+
+    def assert_nothing_left(self, processes, *tables):
+        wait_until(lambda: not any(map(is_running, processes)), "the end of the plug-ins")
+        self.assertEqual(self.sockets(), [])
+        self.assertEqual(self.lock_files(*tables), [])
+
+
+class Stage:
+    """A point of a plug-in's work, and how it is kept there: by a call of the SDK that does not return, or by a lock
+    that is held. The log has `sign` so many times when it is reached."""
+
+    def __init__(self, fault="", command=None, sign="", count=1, rows=0, spots=0):
+        self.fault, self.command, self.sign, self.count, self.rows, self.spots = fault, command, sign, count, rows, spots
+
+
+WAITING = Stage(sign="Creating the mutex named")
+STAGES = {
+    "waiting for the lock": WAITING,
+    "connecting": Stage(f"IsTableConnected:1:{HANG}", sign="TaviIsConnected = 1"),
+    "idle": Stage(),
+    "calibrating": Stage(f"Calibrate:1:{HANG}", "Calibrate", "TaviProDeviceService::calibrate"),
+    "in the first strip": Stage(f"Scan:1:{HANG}", "Measure", "measureOneStrip IN"),
+    "in the middle of a row": Stage(f"TriggerMeasurement:2:{HANG}", "Measure", "for column 1", spots=1),
+    "between rows": Stage(f"Scan:2:{HANG}", "Measure", "measuring row 1...", rows=1),
+    "homing after the last row": Stage(f"GoToHomePosition:1:{HANG}", "Measure", "Measured full row", 3, rows=2),
+}
+
+
+class KilledTest(ProcessesTest):
+    """kill -9 of client, plug-in and service at each stage of a plug-in's work."""
+
+    def prepare(self, stage):
+        """Attaches the table. Whoever gives the stage's command now takes the plug-in there."""
+        self.holder = LockHolder(self.family_lock) if stage is WAITING else None
+        while_starting = stage.sign and not stage.command
+        self.simulate(stage.fault if while_starting else "")
+        if while_starting:
+            return
+        client = self.client()
+        if stage.command == "Measure":
+            self.get_ready(client)
+        self.simulate(stage.fault, client)
+        client.close()
+
+    def arrive(self, stage):
+        self.wait_for_log(stage.sign, stage.count)
+
+    def let_go(self):
+        """What kept the plug-in at its stage keeps it no more, nor the next one."""
+        if self.holder:
+            self.holder.release()
+        self.simulate()
+
+    def use(self, stage):
+        """What a client does that works with the table at the stage."""
+        def work(client):
+            client.send("Lock")
+            if stage.command:
+                client.send(stage.command, self.chart.arguments() | {"SpotMeasureCount": str(stage.spots)})
+        return work
+
+    def detach(self):
+        os.remove(os.path.join(self.hardware, self.table + ".plist"))
+        self.assert_nothing_left(self.plugin_processes())
+
+    def test_client(self):
+        self.start_service(clock_speed=CLOCK_SPEED)
+        for number, (name, stage) in enumerate(STAGES.items(), 1):
+            with self.subTest(name):
+                self.prepare(stage)
+                victim = Victim(self.socket(), self.use(stage))
+                self.addCleanup(victim.kill)
+                self.arrive(stage)
+                victim.kill()
+                self.let_go()
+                # The dead one's lock ends with its time, and its measurement with the last row.
+                self.assert_measures(self.client())
+                self.assertTrue("deviceLockTimerCallback" in self.log())
+                self.assertEqual(len(self.plugin_processes()), number)
+                self.detach()
+
+    def start_user(self, stage):
+        """A program that works with the table at the stage."""
+        command = {None: ["status", "--watch"], "Calibrate": ["calibrate"],
+                   "Measure": ["scan", self.layout, "--output", self.path("out.txt")]}[stage.command]
+        return self.start("tablectl", *command, *(["--spot", "1"] if stage.spots else []),
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+    def wait_for_row(self, stage):
+        if stage.rows:
+            wait_until(lambda: self.rows_written() == stage.rows, "the rows")
+
+    def rows_written(self):
+        with contextlib.suppress(OSError, AssertionError, ValueError):
+            return len(read_measurements(self.path("out.txt"))) / self.chart.columns
+
+    def test_plugin(self):
+        self.start_service("--restart-pause", "0.5", clock_speed=CLOCK_SPEED)
+        for name, stage in STAGES.items():
+            with self.subTest(name):
+                self.prepare(stage)
+                bystander = Client(self.socket())
+                self.addCleanup(bystander.close)
+                is_connected = not stage.sign or stage.command
+                user = self.start_user(stage) if is_connected else None
+                if user and not stage.command:
+                    user.stdout.readline()
+                self.arrive(stage)
+                self.wait_for_row(stage)
+                victim = self.plugin_processes()[-1]
+                os.kill(victim, signal.SIGSTOP)  # so that it goes no further when what keeps it is gone
+                self.let_go()
+                os.kill(victim, signal.SIGKILL)
+                with self.assertRaises((EOFError, ConnectionResetError)):
+                    while True:
+                        bystander.receive()
+                if user:
+                    _, error = user.communicate()
+                    self.assertEqual(user.returncode, 1)
+                    self.assertIn("the device went away", error)
+                if stage.command == "Measure":
+                    self.assertEqual(self.rows_written(), stage.rows)
+                wait_until(lambda: self.plugin_processes()[-1] != victim, "the restart")
+                self.assertIn(f"process {victim} ended, signal 9 (Killed)", self.log_lines("ended")[-1])
+                self.assert_measures(self.client())
+                self.detach()
+
+    def test_service(self):
+        for name, stage in STAGES.items():
+            with self.subTest(name):
+                service = self.start_service(clock_speed=CLOCK_SPEED)
+                self.prepare(stage)
+                client = Client(self.socket())
+                self.addCleanup(client.close)
+                self.use(stage)(client)
+                self.arrive(stage)
+                service.kill()
+                self.wait_for_log("[DevicePlugin::die_a_QuickDeath] - IN")
+                if stage is not WAITING:
+                    self.let_go()
+                with self.assertRaises((EOFError, ConnectionResetError)):
+                    while True:
+                        client.receive()
+                wait_until(lambda: not is_running(self.plugin_processes()[-1]), "the end of the plug-in")
+                if stage is WAITING:  # its end did not have to wait for the lock
+                    self.let_go()
+                    self.holder.remove()
+                self.assert_nothing_left(self.plugin_processes())
+                os.remove(os.path.join(self.hardware, self.table + ".plist"))
+
+
+class LockFilesTest(ProcessesTest):
+    """The lock of the family, while somebody else has it."""
+
+    def start_waiting(self):
+        service = self.start_service(clock_speed=CLOCK_SPEED)
+        self.simulate()
+        self.wait_for_log("Creating the mutex named")
+        return service
+
+    def test_held_by_flock(self):
+        holder = LockHolder(self.family_lock)
+        self.start_waiting()
+        self.socket()
+        self.assertIn(f"no device in {self.runtime}: the plug-in there has not connected its table yet\n",
+                      self.hurried_tablectl("status", status=3))
+        self.assertFalse("_connect()" in self.log())
+        holder.release()
+        self.assert_measures(self.client())
+        self.assertEqual(self.lock_files(), [])
+
+    def test_ending_the_service_does_not_wait_for_it(self):
+        holder = LockHolder(self.family_lock)
+        service = self.start_waiting()
+        service.terminate()
+        self.assertEqual(service.wait(60), 0)
+        self.assertEqual(self.sockets(), [])
+        # The plug-in had to be killed. The file that it left is in nobody's way.
+        holder.release()
+        self.start_service()
+        self.assert_measures(self.client())
+        self.assertEqual(self.lock_files(), [])
+
+    def test_replaced_under_our_feet(self):
+        holder = LockHolder(self.family_lock)
+        self.start_waiting()
+        holder.remove()
+        successor = LockHolder(self.family_lock)  # another file of the same name
+        holder.release()
+        self.wait_for_log("Mutex is opened")  # it has the file that is gone now, and waits for the other
+        self.wait_for_log("Trying to open mutex...\n", 3)  # the device's own lock, and twice the family's
+        self.assertFalse("_connect()" in self.log())
+        successor.release()
+        self.assert_measures(self.client())
+        self.assertEqual(self.lock_files(), [])
+
+
+def without_privileges():
+    """In a child process: permissions hold for root, too."""
+    if os.geteuid() == 0:
+        library = ctypes.CDLL(None, use_errno=True)
+        for capability in (1, 2):  # CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH
+            if library.prctl(24, capability, 0, 0, 0) != 0:  # PR_CAPBSET_DROP
+                raise OSError(ctypes.get_errno(), "PR_CAPBSET_DROP")
+
+
+def with_small_files():
+    """In a child process: no file takes more than that, as if the disk were full."""
+    resource.setrlimit(resource.RLIMIT_FSIZE, (SMALL, SMALL))
+
+
+SMALL = 6000  # bytes: less than a plug-in logs while it connects
+
+
+class UnwritableTest(ProcessesTest):
+    """Folders and files that take nothing."""
+
+    def make_read_only(self, name):
+        folder = self.path(name)
+        os.mkdir(folder, mode=0o500)
+        self.addCleanup(os.chmod, folder, 0o700)
+        return folder
+
+    def start_unprivileged(self, start, *arguments, **options):
+        try:
+            return start(*arguments, preexec_fn=without_privileges, **options)
+        except subprocess.SubprocessError:
+            self.skipTest("root keeps its privileges here, and could write anyway")
+
+    def scan(self, *options, status=0, **settings):
+        """What a scan says on standard error."""
+        process = self.start("tablectl", "scan", self.layout, *options, stdout=subprocess.DEVNULL,
+                             stderr=subprocess.PIPE, **settings)
+        _, error = process.communicate()
+        self.assertEqual(process.returncode, status, error)
+        return error
+
+    def assert_is_free(self):
+        client = self.client()
+        self.assertEqual(client.record["LockHolder"], "")
+        self.assertEqual(client.call("GetDevicePosition")["Message"], "0.000000,0.000000")
+        self.assert_measures(client)
+
+    def test_a_full_disk_under_the_logs(self):
+        self.start_service(preexec_fn=with_small_files)
+        self.simulate()
+        client = self.client()
+        self.assert_measures(client)
+        self.assertEqual(len(self.log()), SMALL)
+        self.assertEqual(len(self.log_lines("the log cannot be written: File too large")), 1)
+
+    def test_logs_that_nobody_reads_any_more(self):
+        reader, writer = os.pipe()
+        service = self.start("vell-service", "--bundle", self.bundle, "--verbose", stderr=writer,
+                             environment={"VELL_LOG_DIR": "/proc/nowhere"})  # the plug-in complains there, too
+        os.close(writer)
+        os.close(reader)
+        self.simulate()
+        self.assert_measures(self.client())
+        self.assertEqual(service.poll(), None)
+
+    def test_a_read_only_folder_for_logs(self):
+        folder = self.make_read_only("logs")
+        self.start_unprivileged(self.start_service, environment={"VELL_LOG_DIR": folder})
+        self.simulate()
+        self.assert_measures(self.client())
+        wait_until(lambda: self.log_lines("no log file: cannot open " + folder), "the complaint")
+        self.assertEqual(os.listdir(folder), [])
+
+    def test_output_that_cannot_be_written(self):
+        self.start_service()
+        self.simulate()
+        self.client()
+        error = self.scan("--output", "/dev/full", status=1)
+        self.assertIn("tablectl: /dev/full: cannot be written: No space left on device\n", error)
+        self.assert_is_free()
+        folder = self.make_read_only("results")
+        error = self.start_unprivileged(self.scan, "--output", folder + "/out.txt", status=1)
+        self.assertIn(f"tablectl: {folder}/out.txt: cannot be written: Permission denied\n", error)
+        self.assert_is_free()
+        error = self.scan("--report", folder + "/none/report.html", status=1)
+        self.assertIn(f"{folder}/none/report.html", error)
+        self.assert_is_free()
+
+    def test_runtime_folders_that_are_none_of_ours(self):
+        theirs = self.path("theirs")
+        os.mkdir(theirs)
+        link = self.path("link")
+        os.symlink(theirs, link)
+        file = self.write_chart(self.chart, "file")
+        folders = {link: "is not a folder", file: "is not a folder", "/proc/nowhere": "cannot make /proc/nowhere",
+                   "/tmp": "shared with other users"}
+        if os.geteuid() == 0:  # only root can make a folder that belongs to another user
+            os.chown(theirs, 12345, 12345)
+            folders[theirs] = "belongs to another user"
+        for folder, problem in folders.items():
+            with self.subTest(folder):
+                service = self.start("vell-service", "--runtime-dir", folder, stderr=subprocess.PIPE)
+                _, error = service.communicate()
+                self.assertEqual(service.returncode, 1)
+                self.assertIn(problem, error)
+                self.assertIn(problem, self.hurried_tablectl("--runtime-dir", folder, "status", status=3))
+                plugin = self.start("vell-plugin-host", self.table, self.bundle, stderr=subprocess.PIPE,
+                                    environment={"VELL_RUNTIME_DIR": folder})
+                self.assertIn(problem, plugin.stderr.readline())
+                plugin.terminate()
+                plugin.communicate()
+                self.assertEqual(plugin.returncode, -signal.SIGTERM)
+        self.assertEqual(os.listdir(theirs), [])
+
+
+if __name__ == "__main__":
+    unittest.main()
