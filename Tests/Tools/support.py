@@ -5,6 +5,7 @@ import math
 import os
 import plistlib
 import random
+import re
 import shutil
 import signal
 import socket
@@ -16,6 +17,7 @@ import time
 import unittest
 
 BIN = os.environ["TOOLS_BIN"]
+ROOT = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", ".."))
 PATIENCE = float(os.environ.get("PATIENCE", 60))  # seconds: far more than anything takes, on a loaded machine too
 BANDS = range(380, 740, 10)
 TABLE = {"VendorID": 2417, "ProductID": 8193, "DeviceClass": "IOUSBHostDevice"}
@@ -88,6 +90,14 @@ def read_measurements(path):
     return [dict(zip(names, line.replace('"', "").split())) for line in data]
 
 
+def shown_commands(document, beginning):
+    """The commands that a document shows, of those that begin like this (a regular expression)."""
+    with open(os.path.join(ROOT, document)) as file:
+        lines = re.findall(rf"^    ((?:{beginning})\b.*)$", file.read(), re.M)
+    assert lines, (document, beginning)
+    return lines
+
+
 class Client:
     """A client of one plug-in, on the wire."""
 
@@ -144,6 +154,8 @@ class Client:
 class ToolsTest(unittest.TestCase):
     """Each test has a runtime folder of its own and leaves no process behind."""
 
+    programs = BIN
+
     def setUp(self):
         self.folder = tempfile.mkdtemp(prefix="tools-test-")
         self.addCleanup(shutil.rmtree, self.folder)
@@ -161,7 +173,7 @@ class ToolsTest(unittest.TestCase):
         return os.path.join(self.folder, name)
 
     def start(self, program, *arguments, environment=None, **options):
-        process = subprocess.Popen([os.path.join(BIN, program), *arguments], text=True,
+        process = subprocess.Popen([os.path.join(self.programs, program), *arguments], text=True,
                                    env=self.environment | (environment or {}), **options)
         self.addCleanup(self.end, process)
         return process
@@ -179,10 +191,23 @@ class ToolsTest(unittest.TestCase):
 
     def tablectl(self, *arguments, status=0):
         """Runs a command to its end; what it wrote to standard output and standard error."""
-        result = subprocess.run([os.path.join(BIN, "tablectl"), *arguments], env=self.environment, text=True,
+        result = subprocess.run([os.path.join(self.programs, "tablectl"), *arguments], env=self.environment, text=True,
                                 capture_output=True, timeout=PATIENCE)
         self.assertEqual(result.returncode, status, f"{arguments}: {result.stdout}{result.stderr}")
         return result.stdout, result.stderr
+
+    def run_shown(self, document, beginning, folder, **environment):
+        """Runs commands that a document shows, in its order, and returns what they wrote."""
+        output = ""
+        for line in shown_commands(document, beginning):
+            variables = self.environment | environment
+            if not line.startswith("tablectl"):
+                del variables["LD_PRELOAD"]
+            result = subprocess.run(line, shell=True, cwd=folder, env=variables, text=True, capture_output=True,
+                                    timeout=300)
+            self.assertEqual(result.returncode, 0, f"{line}\n{result.stdout[-3000:]}{result.stderr[-3000:]}")
+            output += result.stdout
+        return output
 
     def show_log(self):
         """The service's log beside a failure."""

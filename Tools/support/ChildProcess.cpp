@@ -121,4 +121,8 @@ std::filesystem::path programFolder() {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path();
 }
 
+std::filesystem::path ownBundle() {
+    return programFolder().parent_path() / "lib" / "TaviIO.bundle";
+}
+
 } // namespace tools

@@ -46,5 +46,7 @@ private:
 
 // The folder of the running program, through which it finds the files installed beside it.
 std::filesystem::path programFolder();
+// The plug-in that is installed, or was built, with the running program.
+std::filesystem::path ownBundle();
 
 } // namespace tools

@@ -53,7 +53,7 @@ HardwareFile HardwareFile::read(const std::filesystem::path& file) {
 HardwareFile HardwareFile::make(const std::filesystem::path& file, const std::string& devicePath) {
     HardwareFile result(file);
     result.mRoot.reset(VellDictionaryCreate());
-    const auto bundle = makeString((tools::programFolder().parent_path() / "lib" / "TaviIO.bundle").string());
+    const auto bundle = makeString(tools::ownBundle().string());
     const Ref<VellLibraryRef> library(VellLibraryCreate(bundle.get()));
     const auto copyProperty = [&](const char* property, VellStringRef key) {
         const Ref<VellObjectRef> value(VellLibraryCopyPropertyForKey(library.get(), property));

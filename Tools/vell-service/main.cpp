@@ -133,14 +133,12 @@ int run(const Options& options) {
     }
     const std::string hardware = VellService::hardwareFolderPath();
     const CoreFoundation::FileDescriptor lock = lockHardware(hardware);
-    const std::filesystem::path programs = tools::programFolder();
-    const service::Bundle bundle(!options.bundle.empty() ? options.bundle
-                                                         : programs.parent_path() / "lib" / "TaviIO.bundle");
+    const service::Bundle bundle(!options.bundle.empty() ? options.bundle : tools::ownBundle());
 
     VellDeviceCenterRef center = VellDeviceCenterGetDistributedCenter();
     {
-        service::DeviceService devices({programs / "vell-plugin-host", bundle.path(), options.restartPause},
-                                       bundle);
+        service::DeviceService devices(
+            {tools::programFolder() / "vell-plugin-host", bundle.path(), options.restartPause}, bundle);
         const tools::SignalWatcher signals({SIGTERM, SIGINT, SIGHUP, SIGCHLD}, [&devices](int signal) {
             tools::runOnCenterLoop([&devices, signal] {
                 if (signal == SIGCHLD)
