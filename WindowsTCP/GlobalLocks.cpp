@@ -13,16 +13,16 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <map>
 #include <mutex>
-#include <set>
 
 namespace {
 
 // The lock files that this process holds exclusively, so that its exit can tell its own from other
 // processes'. Leaked on purpose: a thread may look while the process ends.
 struct HeldFiles {
-    std::mutex lock; // guards `paths`
-    std::multiset<std::string> paths;
+    std::mutex lock; // guards `paths`, and their removal: a file is removed only while it is among them
+    std::map<int, std::string> paths; // by descriptor
 };
 
 HeldFiles& heldFiles() {
@@ -38,6 +38,11 @@ bool namesOpenFile(const std::string& path, int fd) {
            opened.st_ino == named.st_ino;
 }
 
+void removeIfOurs(const std::string& path, int fd) {
+    if (namesOpenFile(path, fd))
+        unlink(path.c_str());
+}
+
 bool lockExclusively(int fd, int flags = 0) {
     int result = 0;
     do {
@@ -49,13 +54,10 @@ bool lockExclusively(int fd, int flags = 0) {
 // The whole of a release: the file goes while its lock is still held, so nobody can lock it and lose it.
 void release(int& fd, bool& locked, const std::string& path) {
     if (locked) {
-        if (namesOpenFile(path, fd))
-            unlink(path.c_str());
         {
             const std::lock_guard guard(heldFiles().lock);
-            const auto found = heldFiles().paths.find(path);
-            if (found != heldFiles().paths.end())
-                heldFiles().paths.erase(found);
+            removeIfOurs(path, fd);
+            heldFiles().paths.erase(fd);
         }
         flock(fd, LOCK_UN);
     }
@@ -65,9 +67,9 @@ void release(int& fd, bool& locked, const std::string& path) {
     locked = false;
 }
 
-void remember(const std::string& path) {
+void remember(int fd, const std::string& path) {
     const std::lock_guard guard(heldFiles().lock);
-    heldFiles().paths.insert(path);
+    heldFiles().paths.emplace(fd, path);
 }
 
 // Whether what stands at `path` can never be opened as a lock file (a link, a folder, a pipe). A regular file
@@ -119,7 +121,7 @@ GlobalLock::GlobalLock(const std::string& name) {
         mFd = 0;
     }
     mLocked = true;
-    remember(mName);
+    remember(mFd, mName);
     VellLogDebug("Obtained the mutex named %s\n", mName.c_str());
 }
 
@@ -130,9 +132,11 @@ GlobalLock::~GlobalLock() {
 void GlobalLock::RemoveFile(const std::string& path) {
     {
         const std::lock_guard guard(heldFiles().lock);
-        if (heldFiles().paths.contains(path)) {
-            unlink(path.c_str());
-            return;
+        for (const auto& [held, itsPath] : heldFiles().paths) {
+            if (itsPath == path) {
+                removeIfOurs(path, held);
+                return;
+            }
         }
     }
     struct stat named {};
@@ -145,6 +149,12 @@ void GlobalLock::RemoveFile(const std::string& path) {
     if (lockExclusively(fd, LOCK_NB) && namesOpenFile(path, fd))
         unlink(path.c_str());
     close(fd);
+}
+
+void GlobalLock::RemoveHeldFiles() {
+    const std::lock_guard guard(heldFiles().lock);
+    for (const auto& [held, path] : heldFiles().paths)
+        removeIfOurs(path, held);
 }
 
 // --- GlobalDeviceLock
@@ -191,7 +201,7 @@ GlobalDeviceLock::GlobalDeviceLock(const std::string& name) {
         mFd = 0;
     }
     mLocked = true;
-    remember(mName);
+    remember(mFd, mName);
     VellLogRuntime("--- [OK] => Obtained the mutex named %s\n", mName.c_str());
 }
 

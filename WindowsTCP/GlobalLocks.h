@@ -27,6 +27,8 @@ public:
     // when this process holds the lock or nobody does; a file that somebody else holds stays theirs. Any
     // thread.
     static void RemoveFile(const std::string& path);
+    // The same for all that this process holds, locks of families included.
+    static void RemoveHeldFiles();
 
     int mFd = 0;          // of the open lock file; 0 when none
     bool mLocked = false; // the exclusive lock is held

@@ -3,12 +3,15 @@ stepped, many start at once. Each time the others go on or end as they should, a
 
 import contextlib
 import ctypes
+import mmap
 import os
 import plistlib
 import resource
 import shutil
 import signal
+import struct
 import subprocess
+import time
 import unittest
 
 from support import BIN, Chart, Client, ToolsTest, is_running, read_measurements, single, wait_until, BANDS
@@ -466,6 +469,185 @@ class UnwritableTest(ProcessesTest):
                 plugin.communicate()
                 self.assertEqual(plugin.returncode, -signal.SIGTERM)
         self.assertEqual(os.listdir(theirs), [])
+
+
+class DateTest(ProcessesTest):
+    """The system's date is stepped under running processes."""
+
+    YEAR = 365 * 86400  # seconds
+
+    def step(self, seconds):
+        self.offset[:] = struct.pack("q", seconds)
+
+    def setUp(self):
+        super().setUp()
+        file = self.path("date-step")
+        with open(file, "wb") as new:
+            new.write(bytes(8))
+        with open(file, "r+b") as opened:
+            self.offset = mmap.mmap(opened.fileno(), 8)
+        self.addCleanup(self.offset.close)
+        self.start_service(clock_speed=20, environment={"DATE_STEP": file})
+        self.environment["DATE_STEP"] = file
+
+    def year_of_last_line(self):
+        return int(self.log().splitlines()[-1][:4])
+
+    def test_forward_and_back_while_idle_and_locked(self):
+        self.simulate()
+        client = self.client()
+        year = self.year_of_last_line()
+        holder = Victim(self.socket(), lambda holder: holder.call("Lock"))
+        self.addCleanup(holder.kill)
+        locked = time.monotonic()
+        client.status(lambda record: record["LockHolder"] == str(holder.pid))
+        for years in (3, -3, 0):
+            self.step(years * self.YEAR)
+            self.simulate(client=client)  # polling goes on, or it would not take notice
+            self.assertEqual(self.year_of_last_line(), year + years)
+        client.status(lambda record: record["LockHolder"] == "")
+        # The lock lasted its 30 seconds, neither ended by the step forward nor held by the one back.
+        self.assertGreater(time.monotonic() - locked, 30 / 20 * 0.9)
+        self.assert_measures(client)
+
+    def test_polls_keep_their_pace(self):
+        self.simulate()
+        client = self.client()
+        process = self.plugin_processes()[0]
+        used = []
+        for years in (0, 3, -3):
+            self.step(years * self.YEAR)
+            before = processor_time(process)
+            time.sleep(0.3)  # two polls
+            used.append(processor_time(process) - before)
+        # Three years are 30 million polls.
+        self.assertLess(max(used), 0.1)
+        self.simulate(client=client)
+
+    def test_while_a_chart_is_measured(self):
+        self.simulate(f"Scan:2:{HANG}")
+        client = self.client()
+        self.get_ready(client)
+        for years in (3, -3):
+            scan = self.start("tablectl", "scan", self.layout, "--output", self.path("out.txt"),
+                              environment=self.steering(clock_speed=1))
+            self.wait_for_log("measuring row 1...")
+            self.step(years * self.YEAR)
+            self.simulate()
+            self.assertEqual(scan.wait(60), 0)
+            self.assertEqual(len(read_measurements(self.path("out.txt"))), 12)
+        self.assert_measures(client)
+
+
+def processor_time(process):
+    """Seconds that it has computed so far."""
+    with open(f"/proc/{process}/stat") as file:
+        fields = file.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+class ManyTablesTest(ProcessesTest):
+    TABLES = 20
+
+    def attach_all(self, **simulation):
+        self.tables = [f"{self.table}-{number}" for number in range(self.TABLES)]
+        for table in self.tables:
+            self.attach(table, Chart=self.layout, **simulation)
+
+    def times_of(self, process):
+        """When the plug-in began to connect, and when its connect was nearly over."""
+        lines = self.log(process).splitlines()
+        return tuple(next(line[:23] for line in lines if text in line)
+                     for text in ("TaviIO::_connect()", "Trying to change mode to: SingleReflectance"))
+
+    def test_all_of_a_family_start_at_once(self):
+        service = self.start_service()
+        self.attach_all(Fault="IsTableConnected:1:hang=0.02")
+        clients = [self.client(table) for table in self.tables]
+        self.assertEqual([client.record["Path"] for client in clients], self.tables)
+        processes = self.plugin_processes()
+        self.assertEqual(len(processes), self.TABLES)
+        # One after the other: nobody begins to connect while another one does.
+        times = sorted(map(self.times_of, processes))
+        for (_, end), (begin, _) in zip(times, times[1:]):
+            self.assertLessEqual(end, begin)
+        service.terminate()
+        self.assertEqual(service.wait(60), 0)
+        self.assertEqual(len(self.log_lines("exit status 0")), self.TABLES)
+        self.assert_nothing_left(processes, *self.tables)
+
+    def test_a_service_that_is_killed_while_they_start(self):
+        service = self.start_service(clock_speed=CLOCK_SPEED)
+        self.attach_all(Fault="IsTableConnected:1:hang=0.5")
+        wait_until(lambda: len(self.sockets()) == self.TABLES, "the plug-ins")
+        service.kill()
+        wait_until(lambda: not any(map(is_running, self.plugin_processes())), "the end of the plug-ins")
+        self.assertEqual(self.sockets(), [])
+        # A plug-in that ends while it takes a lock may leave the file. It is in nobody's way.
+        self.assertLessEqual(set(self.lock_files(*self.tables)), {self.family_lock})
+        self.attach_all()
+        self.start_service()
+        for table in self.tables:
+            self.client(table)
+        wait_until(lambda: not self.lock_files(*self.tables), "the end of the lock files")
+
+
+class StrangersTest(ProcessesTest):
+    """Clients that behave badly while a chart is measured, or claim to be who they are not."""
+
+    def test_bad_manners_during_a_scan(self):
+        self.start_service(clock_speed=20)
+        self.simulate()
+        client = self.client()
+        self.get_ready(client)
+        self.simulate(f"Scan:2:{HANG}", client)
+        dripping, deaf, oversized, truncated = (Client(self.socket()) for _ in range(4))
+        for stranger in (dripping, deaf, oversized, truncated):
+            self.addCleanup(stranger.close)
+        ticket = client.send("Measure", self.chart.arguments())
+        rows = [client.response(ticket)]
+        oversized.socket.sendall(b"\xff\xff\xff\xff")
+        truncated.socket.sendall(b"\0\0\1\0bplist00")
+        truncated.close()
+        for _ in range(2000):
+            deaf.send("GetCommands")  # and reads no answer
+        slow = frame_of("GetCommands", "slow")
+        for byte in slow[:-1]:
+            dripping.socket.sendall(bytes([byte]))
+        self.assertEqual(client.call("GetCommands")["Code"], 0)
+        self.simulate()
+        rows += [client.response(ticket) for _ in range(2)]
+        self.assert_rows(rows)
+        dripping.socket.sendall(slow[-1:])
+        self.assertEqual(dripping.response("slow")["Code"], 0)
+        with self.assertRaises((EOFError, ConnectionResetError)):
+            while True:
+                oversized.receive()
+        self.assert_measures(client)
+
+    def test_claims_that_nobody_believes(self):
+        self.start_service()
+        self.simulate()
+        client = self.client()
+        self.get_ready(client)
+        holder = Victim(self.socket(), lambda holder: holder.call("Lock"))
+        self.addCleanup(holder.kill)
+        client.status(lambda record: record["LockHolder"] == str(holder.pid))
+        claims = {"ProcessIdentifier": str(holder.pid), "PID": holder.pid, "Sender": str(holder.pid),
+                  "Receipt": {"ProcessIdentifier": str(holder.pid)}}
+        for key in ("source", "Source", "SOURCE"):
+            for name in ("GoHome", "Measure", "Unlock"):
+                client.socket.sendall(frame_of(name, key + name, {key: "hardware"} | self.chart.arguments(), **claims))
+                self.assertEqual(client.response(key + name)["Code"], -1022)
+        record = Client(self.socket())
+        self.addCleanup(record.close)
+        self.assertEqual(record.status()["LockHolder"], str(holder.pid))
+
+
+def frame_of(name, ticket, arguments=None, **further):
+    data = plistlib.dumps({"Type": "Command", "Name": name, "Ticket": ticket, "Device": "", "DevicePath": "",
+                           "Arguments": arguments or {}} | further, fmt=plistlib.FMT_BINARY)
+    return struct.pack(">I", len(data)) + data
 
 
 if __name__ == "__main__":

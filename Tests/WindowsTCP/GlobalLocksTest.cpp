@@ -138,6 +138,17 @@ TEST_F(GlobalLocks, RemovalAtExitTakesOnlyWhatNobodyElseHolds) {
         EXPECT_FALSE(fs::exists(deviceFile()));
     }
     GlobalLock::RemoveFile(deviceFile()); // nothing there: nothing happens
+    {
+        const GlobalLock own(name);
+        const GlobalDeviceLock ownFamily(name);
+        fs::remove(deviceFile());
+        scratch.write(deviceFile(), "somebody else's");
+        GlobalLock::RemoveFile(deviceFile());
+        GlobalLock::RemoveHeldFiles();
+        EXPECT_TRUE(fs::exists(deviceFile()));
+        EXPECT_FALSE(fs::exists(familyFile()));
+    }
+    fs::remove(deviceFile());
 }
 
 TEST_F(GlobalLocks, LinksAreNotFollowedAndAreBrokenInTheEnd) {

@@ -208,8 +208,10 @@ void DevicePlugin::exitDeviceService(int code) {
     runLoopOnce();
     DeviceCenter::sharedDeviceCenter()->stopRunLoop();
     removeLockFile();
-    if (endsProcess)
+    if (endsProcess) {
+        GlobalLock::RemoveHeldFiles(); // the main thread may be about to connect
         _exit(code);
+    }
 }
 
 void DevicePlugin::removeLockFile() {
