@@ -28,6 +28,12 @@ def hash_of(text):
     return result
 
 
+def lock_of(table):
+    """The lock file of one table, as against its family's."""
+    value = hash_of(table)
+    return f"/tmp/{value - (1 << 32) if value >> 31 else value}"
+
+
 class Victim:
     """A client in a process of its own, to be killed."""
 
@@ -102,9 +108,7 @@ class ProcessesTest(ToolsTest):
                 "CLOCK_SPEED": str(clock_speed)}
 
     def lock_files(self, *tables):
-        number = [hash_of(table) for table in tables or (self.table,)]
-        signed = [value - (1 << 32) if value >> 31 else value for value in number]
-        return [path for path in (self.family_lock, *(f"/tmp/{value}" for value in signed)) if os.path.exists(path)]
+        return [path for path in (self.family_lock, *map(lock_of, tables or (self.table,))) if os.path.exists(path)]
 
     def start_service(self, *arguments, clock_speed=1, **options):
         environment = self.steering(clock_speed) | options.pop("environment", {})
@@ -312,7 +316,7 @@ class KilledTest(ProcessesTest):
 
 
 class LockFilesTest(ProcessesTest):
-    """The lock of the family, while somebody else has it."""
+    """The locks of a table and of its family, while somebody else has them."""
 
     def start_waiting(self):
         service = self.start_service(clock_speed=CLOCK_SPEED)
@@ -321,13 +325,18 @@ class LockFilesTest(ProcessesTest):
         return service
 
     def test_held_by_flock(self):
-        holder = LockHolder(self.family_lock)
-        self.start_waiting()
-        self.socket()
+        holder = LockHolder(lock_of(self.table))
+        self.start_service()
+        self.simulate()
+        self.wait_for_log("Trying to open mutex...")
+        family_holder = LockHolder(self.family_lock)
+        self.assertFalse("Obtained the mutex" in self.log())
+        holder.release()
+        self.wait_for_log("Creating the mutex named")
         self.assertIn(f"no device in {self.runtime}: the plug-in there has not connected its table yet\n",
                       self.hurried_tablectl("status", status=3))
         self.assertFalse("_connect()" in self.log())
-        holder.release()
+        family_holder.release()
         self.assert_measures(self.client())
         self.assertEqual(self.lock_files(), [])
 
