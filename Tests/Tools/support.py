@@ -219,6 +219,7 @@ class ToolsTest(unittest.TestCase):
     def start_service(self, *arguments, **options):
         self.service_log = self.path("service.log")
         self.addCleanup(self.show_log)
+        self.addCleanup(lambda: self.assertEqual(self.log_lines("Sanitizer"), [], "a plug-in or the service"))
         with open(self.service_log, "a") as log:
             return self.start("vell-service", *arguments, stderr=log, **options)
 
