@@ -39,6 +39,8 @@ void __VellDeviceCenter::reset() {
         const std::lock_guard lock(mMutex);
         mObservers.clear();
         mSourceName = {};
+        mPostedFields = {};
+        mPostedStatus = nullptr;
     }
     setUp();
 }
@@ -129,7 +131,21 @@ void __VellDeviceCenter::postResponse(const __VellDeviceCommandResponse& respons
 }
 
 void __VellDeviceCenter::postStatus(const __VellDevice& device) {
-    mServer->publish(statusFrame(device.fields()));
+    // Most posts repeat the one before; what did not change is not encoded again.
+    RecordFields fields = device.fields();
+    Frame status;
+    {
+        const std::lock_guard lock(mMutex);
+        if (fields == mPostedFields)
+            status = mPostedStatus;
+    }
+    if (!status) {
+        status = statusFrame(fields);
+        const std::lock_guard lock(mMutex);
+        std::swap(mPostedFields, fields);
+        mPostedStatus = status;
+    }
+    mServer->publish(status);
 }
 
 void __VellDeviceCenter::postClose(const __VellDevice& device) {

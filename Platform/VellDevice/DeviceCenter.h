@@ -68,4 +68,6 @@ private:
     std::vector<Observer> mObservers;
     std::uint64_t mLastObserver = 0;
     VellService::Ref<__VellString> mSourceName;
+    VellService::RecordFields mPostedFields; // as mPostedStatus says them
+    VellService::Frame mPostedStatus;
 };

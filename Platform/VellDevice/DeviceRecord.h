@@ -13,7 +13,12 @@ struct RecordFields {
     struct Attribute {
         Ref<__VellString> key;
         Ref<__VellString> value;
+
+        bool operator==(const Attribute&) const = default;
     };
+
+    // The same objects: then the records say the same, too.
+    bool operator==(const RecordFields&) const = default;
 
     const Attribute* attribute(std::string_view key) const;
     // The fields of these names, with the attribute that stands in where none was set.

@@ -120,12 +120,15 @@ void FrameChannel::send(const Frame& frame) {
         return;
     }
     mWaiting.push_back(frame);
+    mHasWaiting = true;
     mWaitingBytes += frame->size();
     if (mSource)
         writeWaiting();
 }
 
 bool FrameChannel::flush() {
+    if (!mHasWaiting)
+        return true;
     const std::lock_guard lock(mMutex);
     if (mSource)
         writeWaiting();
@@ -168,6 +171,7 @@ void FrameChannel::writeWaiting() {
         }
     }
     const bool watches = !mWaiting.empty();
+    mHasWaiting = watches;
     if (watches != mWatchesWriting && mSource) {
         mWatchesWriting = watches;
         mSource->setEvents(watches ? EPOLLIN | EPOLLOUT : EPOLLIN);
@@ -179,6 +183,7 @@ void FrameChannel::giveUp() {
         return;
     mGivenUp = true;
     mWaiting.clear();
+    mHasWaiting = false;
     mWaitingBytes = 0;
     mFirstWritten = 0;
     // Not closed: only the loop's thread does that, and it sees the end of the stream now.

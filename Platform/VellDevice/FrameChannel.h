@@ -6,6 +6,7 @@
 #include <CoreFoundation/FileDescriptor.h>
 #include <CoreFoundation/RunLoop.h>
 
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -71,6 +72,8 @@ private:
     std::mutex mMutex;
     std::unique_ptr<CoreFoundation::FileSource> mSource; // null before the start and after the end
     std::deque<Frame> mWaiting;
+    std::atomic<bool> mHasWaiting{
+        false}; // set under the lock; to see without it that there is nothing to flush
     std::size_t mWaitingBytes = 0;
     std::size_t mFirstWritten = 0; // bytes of the first waiting frame that have left
     bool mWatchesWriting = false;

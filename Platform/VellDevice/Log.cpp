@@ -19,6 +19,7 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 using namespace VellService;
@@ -122,32 +123,47 @@ void Output::setFile(const char* name) {
     mLowest = chosenLevel();
 }
 
-std::string prefix(Level level) {
+// "2026-01-31 12:00:00.123 LEVEL [process:thread] ". Lines come in bursts, so what is the same in all of a
+// second's is put together once.
+void appendPrefix(std::string& line, Level level) {
+    struct Known {
+        time_t second = -1;
+        char date[32] = "";
+        std::string identity =
+            " [" + std::to_string(getpid()) + ":" + std::to_string(syscall(SYS_gettid)) + "] ";
+    };
+    thread_local Known known;
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
-    static const int process = getpid();
-    thread_local const long thread = syscall(SYS_gettid);
-    char text[96];
-    std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    length += static_cast<std::size_t>(
-        std::snprintf(text + length, sizeof text - length, ".%03ld %s [%d:%ld] ", now.tv_nsec / 1000000,
-                      kLevels[static_cast<std::size_t>(level)].label, process, thread));
-    return {text, length};
+    if (now.tv_sec != known.second) {
+        tm local{};
+        localtime_r(&now.tv_sec, &local);
+        std::strftime(known.date, sizeof known.date, "%Y-%m-%d %H:%M:%S", &local);
+        known.second = now.tv_sec;
+    }
+    const auto milliseconds = static_cast<unsigned>(now.tv_nsec / 1000000);
+    const auto digit = [](unsigned value) { return static_cast<char>('0' + value % 10); };
+    line += known.date;
+    line += {'.', digit(milliseconds / 100), digit(milliseconds / 10), digit(milliseconds), ' '};
+    line += kLevels[static_cast<std::size_t>(level)].label;
+    line += known.identity;
 }
 
 // One line, whatever the text holds: names that clients choose must not be able to forge lines.
-void appendOneLine(std::string& line, const char* text, std::size_t length) {
-    while (length > 0 && text[length - 1] == '\n')
-        --length;
-    for (std::size_t i = 0; i < length; ++i) {
-        if (text[i] == '\n')
-            line += "\\n";
-        else if (text[i] == '\r')
-            line += "\\r";
-        else
-            line += text[i];
+void appendOneLine(std::string& line, std::string_view text) {
+    while (text.ends_with('\n'))
+        text.remove_suffix(1);
+    if (text.find('\n') == text.npos && text.find('\r') == text.npos) { // as nearly always
+        line += text;
+    } else {
+        for (const char character : text) {
+            if (character == '\n')
+                line += "\\n";
+            else if (character == '\r')
+                line += "\\r";
+            else
+                line += character;
+        }
     }
     line += '\n';
 }
@@ -155,17 +171,20 @@ void appendOneLine(std::string& line, const char* text, std::size_t length) {
 void log(Level level, const char* format, va_list arguments) {
     if (!Output::shared().wants(level))
         return;
-    std::string line = prefix(level);
+    std::string line;
+    line.reserve(256);
+    appendPrefix(line, level);
     char text[1024];
     va_list again;
     va_copy(again, arguments);
     const int length = std::vsnprintf(text, sizeof text, format, arguments);
-    if (length >= 0 && static_cast<std::size_t>(length) < sizeof text) {
-        appendOneLine(line, text, static_cast<std::size_t>(length));
-    } else if (length >= 0) {
-        std::string longText(static_cast<std::size_t>(length) + 1, '\0');
+    const auto size = static_cast<std::size_t>(std::max(length, 0));
+    if (size < sizeof text) {
+        appendOneLine(line, {text, size});
+    } else {
+        std::string longText(size + 1, '\0');
         std::vsnprintf(longText.data(), longText.size(), format, again);
-        appendOneLine(line, longText.data(), static_cast<std::size_t>(length));
+        appendOneLine(line, std::string_view(longText).substr(0, size));
     }
     va_end(again);
     if (length >= 0)

@@ -96,6 +96,7 @@ public:
     T* operator->() const { return mObject; }
     T& operator*() const { return *mObject; }
     explicit operator bool() const { return mObject != nullptr; }
+    bool operator==(const Ref&) const = default; // the same object
     // Gives the reference to the caller.
     T* leak() { return std::exchange(mObject, nullptr); }
 

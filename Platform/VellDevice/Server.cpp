@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <stdexcept>
 
@@ -15,6 +16,7 @@ namespace {
 
 constexpr int kAcceptsInARow = 64; // before other descriptors get their turn
 constexpr CFTimeInterval kAcceptPause = 0.1;
+constexpr CFTimeInterval kRepeatPause = 0.1;
 constexpr std::chrono::milliseconds kFlushTime{1000};
 constexpr int kFlushPause = 5; // milliseconds
 
@@ -136,8 +138,15 @@ bool Server::receive(std::string_view payload, const Sender& sender) {
     const auto command = commandOf(message, sender);
     if (!command)
         return false;
+    setServed(sender.connection);
     mHandler(command);
+    setServed(kOwnConnection);
     return true;
+}
+
+void Server::setServed(ConnectionIdentifier client) {
+    const std::lock_guard lock(mMutex);
+    mServed = client;
 }
 
 void Server::remove(ConnectionIdentifier client) {
@@ -163,9 +172,16 @@ void Server::publish(const Frame& status) {
     if (!status)
         return;
     const std::lock_guard lock(mMutex);
+    const CFAbsoluteTime now = CFAbsoluteTimeGetCurrent();
+    const bool isNews = !mPublished || (mPublished != status && *mPublished != *status);
+    const bool isForAll =
+        isNews || mServed == kOwnConnection || std::abs(now - mPublishedToAll) >= kRepeatPause;
+    if (isForAll)
+        mPublishedToAll = now;
     mPublished = status;
     for (const auto& [identifier, channel] : mClients)
-        channel->send(status);
+        if (isForAll || identifier == mServed)
+            channel->send(status);
 }
 
 void Server::forgetPublished() {
@@ -187,7 +203,8 @@ void Server::send(ConnectionIdentifier client, const Frame& frame) {
 }
 
 void Server::flush() {
-    for (const auto& channel : channels())
+    const std::lock_guard lock(mMutex);
+    for (const auto& [identifier, channel] : mClients)
         channel->flush();
 }
 

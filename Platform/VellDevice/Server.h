@@ -27,7 +27,9 @@ public:
     // Listens under the name's hash. A failure is logged: the plug-in then runs without clients.
     void listen(const __VellString& name);
 
-    // A client gets the frame last published before anything else.
+    // A client gets the frame last published before anything else. While a client's command is handled, one
+    // that says nothing new goes to that client alone, and to the others ten times a second at most: what a
+    // busy client costs does not grow with the number of idle ones.
     void publish(const Frame& status);
     void forgetPublished();
     void broadcast(const Frame& frame);
@@ -48,6 +50,7 @@ private:
     void admit(CoreFoundation::FileDescriptor socket);
     void pauseAccepting(const std::shared_ptr<Listener>& listener);
     bool receive(std::string_view payload, const Sender& sender);
+    void setServed(ConnectionIdentifier client);
     void remove(ConnectionIdentifier client);
     void disposeOf(const std::shared_ptr<Listener>& listener,
                    const std::vector<std::shared_ptr<FrameChannel>>& channels);
@@ -63,7 +66,9 @@ private:
     std::shared_ptr<Listener> mListener;
     std::map<ConnectionIdentifier, std::shared_ptr<FrameChannel>> mClients;
     ConnectionIdentifier mLastClient = kOwnConnection;
+    ConnectionIdentifier mServed = kOwnConnection; // whose command is being handled
     Frame mPublished;
+    CFAbsoluteTime mPublishedToAll = 0;
 };
 
 } // namespace VellService

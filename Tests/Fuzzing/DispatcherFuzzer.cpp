@@ -27,6 +27,7 @@ public:
         std::istringstream fields(line);
         std::string name;
         std::getline(fields, name, '\t');
+        name = name.c_str(); // as far as a command can hold it
         std::map<std::string, std::string> arguments;
         for (std::string field; std::getline(fields, field, '\t');) {
             const std::size_t sign = std::min(field.find('='), field.size());

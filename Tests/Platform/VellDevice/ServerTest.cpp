@@ -74,6 +74,38 @@ TEST_F(ServerTest, LateClientGetsTheLastStatusFirst) {
     EXPECT_EQ(later.receive()->text("Type"), "Response"); // no status of what is gone
 }
 
+TEST_F(ServerTest, StatusThatSaysNothingNewIsForTheOneWhoAsks) {
+    CoreFoundation::VirtualClock clock;
+    onCommand = [&](VellDeviceCommandRef command) {
+        VellDeviceSetMode(device(), VellDeviceCommandGetArgument(command, constant("mode")));
+        VellDevicePostStatus(device());
+        respond(command, 0);
+    };
+    FrameClient asking = connect();
+    FrameClient idle = connect();
+    const auto askFor = [&](const char* mode) {
+        asking.sendCommand("SetMode", "1", {{"mode", mode}});
+        EXPECT_EQ(asking.receive()->dictionary("Record").text("Mode"), mode);
+        EXPECT_EQ(asking.receive()->text("Type"), "Response");
+    };
+    const auto idleHears = [&](const char* mode) {
+        const auto status = idle.receive();
+        return status && status->dictionary("Record").text("Mode") == mode;
+    };
+    askFor("a");
+    askFor("a");
+    askFor("b");
+    EXPECT_TRUE(idleHears("a"));
+    EXPECT_TRUE(idleHears("b"));
+    askFor("b");
+    EXPECT_FALSE(idle.receive(std::chrono::milliseconds(20)));
+    clock.advance(0.2);
+    askFor("b");
+    EXPECT_TRUE(idleHears("b"));
+    VellDevicePostStatus(device()); // for nobody in particular
+    EXPECT_TRUE(idleHears("b"));
+}
+
 TEST_F(ServerTest, ResponseToAnOwnCommandGoesToEveryClientAndOnlyOnce) {
     FrameClient first = connect();
     FrameClient second = connect();
