@@ -1,5 +1,6 @@
 """The report of a scan, as a browser shows it."""
 
+import html
 import json
 import re
 import shutil
@@ -24,6 +25,10 @@ press("ArrowRight");
 press("ArrowDown");
 seen.walked = picked();
 seen.focused = document.activeElement.getAttribute("aria-label");
+press("End");
+seen.end = picked();
+document.querySelector("#worst button").click();
+seen.chosen = picked();
 seen.patches = document.querySelectorAll(".patch").length;
 seen.selected = document.querySelectorAll("[aria-selected=true]").length;
 seen.unmeasured = document.querySelectorAll("[aria-label$='not measured']").length;
@@ -31,10 +36,21 @@ seen.figures = [...document.querySelectorAll(".figure b")].map(figure => figure.
 seen.bars = [...document.querySelectorAll("#histogram rect + text")].length;
 seen.lines = document.querySelectorAll("#spectrum polyline").length;
 seen.conditions = document.getElementById("conditions").textContent;
+seen.order = [...document.querySelectorAll(".patch")].map(patch => patch.getAttribute("aria-label").split(",")[0]);
+const isClipped = text => {
+  const {x, y, width, height} = text.getBBox(), view = text.ownerSVGElement.viewBox.baseVal;
+  return x < view.x || y < view.y || x + width > view.x + view.width || y + height > view.y + view.height;
+};
+seen.clipped = [...document.querySelectorAll("svg text")].filter(isClipped).map(text => text.textContent);
 seen.wide = document.documentElement.scrollWidth > window.innerWidth;
 document.title = "seen " + JSON.stringify(seen);
 }
 </script>
+"""
+
+# A window has a least width, a frame has not.
+FRAME = """<!DOCTYPE html>
+<iframe width="{width}" height="900" srcdoc="{page}" onload="document.title = contentDocument.title"></iframe>
 """
 
 
@@ -49,11 +65,11 @@ class ReportTest(ToolsTest):
     def show(self, page, width=1200):
         """What the browser shows of a page of that width."""
         with open(self.path("probed.html"), "w") as file:
-            file.write(page.replace("</body>", PROBE + "</body>"))
+            file.write(FRAME.format(width=width, page=html.escape(page.replace("</body>", PROBE + "</body>"))))
         flags = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
                  "--disable-background-networking", "--disable-component-update", "--disable-sync"]
         document = subprocess.run([BROWSER, *flags, f"--user-data-dir={self.path('browser')}",
-                                   f"--window-size={width},900", "--dump-dom", "file://" + self.path("probed.html")],
+                                   "--window-size=1280,1000", "--dump-dom", "file://" + self.path("probed.html")],
                                   capture_output=True, text=True, timeout=120).stdout
         title = re.search(r"<title>(.*?)</title>", document).group(1)
         self.assertTrue(title.startswith("seen "), title)
@@ -69,12 +85,15 @@ class ReportTest(ToolsTest):
     @unittest.skipUnless(BROWSER, "chromium is not installed")
     def test_it_shows_what_differs(self):
         chart, printed = Chart(3, 4, last=2, angle=0.1), Chart(3, 4, last=2, angle=0.1)
-        printed.spectra[1, 2] = [value + 0.05 for value in chart.spectra[1, 2]]
+        chart.spectra[1, 2] = [0.04] * 36
+        printed.spectra[1, 2] = [0.08] * 36
         page = self.report(chart, printed)
         seen = self.show(page)
         self.assertEqual(seen["start"], "P1-2 (row 1, column 2)")
         self.assertEqual(seen["walked"], "P1-1 (row 1, column 1)")
         self.assertTrue(seen["focused"].startswith("P1-1, row 1, column 1: CIEDE2000 0.00"), seen["focused"])
+        self.assertEqual((seen["end"], seen["chosen"]), ("P1-3 (row 1, column 3)", "P1-2 (row 1, column 2)"))
+        self.assertEqual(seen["order"], [f"P{row}-{column}" for row, column in chart.spectra])
         self.assertEqual((seen["patches"], seen["selected"], seen["unmeasured"], seen["lines"]), (10, 1, 0, 2))
         mean, percentile, largest, count = seen["figures"]
         self.assertGreater(float(largest), 0.5)
@@ -82,13 +101,16 @@ class ReportTest(ToolsTest):
         self.assertAlmostEqual(float(mean), float(largest) / 10, delta=0.01)
         self.assertEqual(count, "10 / 10")
         self.assertIn("Rows read by spotsnone", seen["conditions"])
-        self.assertFalse(self.show(page, width=500)["wide"])
+        self.assertEqual((seen["clipped"], seen["wide"]), ([], False))
+        self.assertFalse(self.show(page, width=390)["wide"])
 
     @unittest.skipUnless(BROWSER, "chromium is not installed")
     def test_a_part_of_a_chart(self):
         seen = self.show(self.report(Chart(3, 4), Chart(3, 4), "--rows", "1", "--spot", "3"))
         self.assertEqual((seen["patches"], seen["unmeasured"]), (12, 8))
         self.assertEqual(seen["figures"][3], "4 / 12")
+        self.assertEqual(seen["clipped"], [])
+        self.assertIn("Rows read by spotsall, as asked: 3 for each patch", seen["conditions"])
 
 
 if __name__ == "__main__":

@@ -120,16 +120,22 @@ std::string now() {
     return text;
 }
 
-std::string conditionsJson(const ReportContent& content) {
-    std::vector<std::string> spotRows;
+std::string spotsText(const ReportContent& content) {
+    if (content.spotReadings)
+        return "all, as asked: " + std::to_string(*content.spotReadings) + " for each patch";
+    std::vector<std::string> rows;
     for (const int row : content.spotRows)
-        spotRows.push_back(std::to_string(row));
+        rows.push_back(std::to_string(row));
+    return rows.empty() ? "none" : join(rows, ", ");
+}
+
+std::string conditionsJson(const ReportContent& content) {
     const bool withoutUltraviolet = content.rows.front().condition == Color::MeasurementCondition::M2;
     TextTable conditions = {
         {"Illuminant, observer", "D50, 2 degrees"},
         {"Measurement condition", withoutUltraviolet ? "M2" : "M0"},
         {"Rows measured", std::to_string(content.rows.size()) + " of " + std::to_string(content.layout.rows)},
-        {"Rows read by spots", spotRows.empty() ? "none" : join(spotRows, ", ")}};
+        {"Rows read by spots", spotsText(content)}};
     if (content.device) {
         conditions.emplace_back("Table", content.device->displayName + " " + content.device->serialNumber);
         conditions.emplace_back("Spectrophotometer", content.device->attribute("TaviProSerialNumber"));
@@ -142,12 +148,16 @@ std::string conditionsJson(const ReportContent& content) {
     return "[" + join(pairs, ",") + "]";
 }
 
+std::string countText(int count, const std::string& what) {
+    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
 std::string dataJson(const ReportContent& content) {
     const Color::ChartLayout& layout = content.layout;
     std::string json = Json()
                            .add("title", layout.descriptor.empty() ? "Chart measurement" : layout.descriptor)
-                           .add("subtitle", now() + ", " + std::to_string(layout.rows) + " rows by " +
-                                                std::to_string(layout.columns) + " columns")
+                           .add("subtitle", now() + ", " + countText(layout.rows, "row") + " by " +
+                                                countText(layout.columns, "column"))
                            .addRaw("chart", chartJson(layout))
                            .addRaw("conditions", conditionsJson(content))
                            .addRaw("warnings", jsonTexts(content.warnings))

@@ -14,7 +14,8 @@ struct ReportContent {
     const Color::ChartLayout& layout;
     std::optional<DeviceStatus> device;
     const std::vector<Row>& rows;
-    const std::vector<int>& spotRows;
+    std::optional<int> spotReadings;  // of each patch, when spots were asked for
+    const std::vector<int>& spotRows; // where strips failed
     const std::vector<std::string>& warnings;
 };
 

@@ -221,7 +221,7 @@ void Scan::finish() {
         mSink->copyTo(mContext.output);
     if (!mRequest.reportFile.empty() && !mRows.empty())
         writeReport(mRequest.reportFile, {mLayout, mTable.session().status(mTable.path()), mRows,
-                                          state.spotRows, mLog.warnings()});
+                                          mRequest.spotReadings, state.spotRows, mLog.warnings()});
 }
 
 namespace {
