@@ -17,6 +17,7 @@ namespace {
 constexpr int kAcceptsInARow = 64; // before other descriptors get their turn
 constexpr CFTimeInterval kAcceptPause = 0.1;
 constexpr CFTimeInterval kRepeatPause = 0.1;
+constexpr CFTimeInterval kListenPause = 1.0;
 constexpr std::chrono::milliseconds kFlushTime{1000};
 constexpr int kFlushPause = 5; // milliseconds
 
@@ -34,34 +35,57 @@ bool isShortage(int error) {
 } // namespace
 
 Server::Server(CFRunLoopRef loop, CommandHandler handler)
-    : mLoop(loop), mHandler(std::move(handler)), mAcceptPause(loop) {}
+    : mLoop(loop), mHandler(std::move(handler)), mListenPause(loop), mAcceptPause(loop) {}
 
 Server::~Server() {
     disposeOf(mListener, channels());
 }
 
-void Server::listen(const __VellString& name) {
+void Server::listen(const __VellString& source) {
+    const std::string name = socketName(source);
     {
         const std::lock_guard lock(mMutex);
         if (mListener) {
             VellLogError("[Server] - already listening on %s\n", mListener->socket.path().c_str());
             return;
         }
+        mName = name;
     }
+    if (const auto problem = tryToListen(name)) {
+        VellLogError("[Server] - no clients for '%s': %s\n", source.text.c_str(), problem->c_str());
+        mListenPause.start(kListenPause, [this] { listenAgain(); });
+    }
+}
+
+// What is in the way; nothing when the plug-in listens, or is not to listen any more.
+std::optional<std::string> Server::tryToListen(const std::string& name) {
     try {
-        const auto listener = std::make_shared<Listener>(socketName(name));
+        const auto listener = std::make_shared<Listener>(name);
         listener->source = std::make_unique<CoreFoundation::FileSource>(
             mLoop, listener->socket.descriptor(), EPOLLIN,
             [this, weak = std::weak_ptr(listener)](std::uint32_t) {
                 if (const auto strong = weak.lock())
                     acceptClients(strong);
             });
-        VellLogInfo("[Server] - listening on %s\n", listener->socket.path().c_str());
         const std::lock_guard lock(mMutex);
+        if (mName != name)
+            return std::nullopt; // closed meanwhile
+        VellLogInfo("[Server] - listening on %s\n", listener->socket.path().c_str());
         mListener = listener;
+        return std::nullopt;
     } catch (const std::exception& problem) {
-        VellLogError("[Server] - no clients for '%s': %s\n", name.text.c_str(), problem.what());
+        return problem.what();
     }
+}
+
+void Server::listenAgain() {
+    std::optional<std::string> name;
+    {
+        const std::lock_guard lock(mMutex);
+        name = mName;
+    }
+    if (name && tryToListen(*name))
+        mListenPause.start(kListenPause, [this] { listenAgain(); });
 }
 
 void Server::acceptClients(const std::shared_ptr<Listener>& listener) {
@@ -212,6 +236,7 @@ void Server::close() {
     std::shared_ptr<Listener> listener;
     {
         const std::lock_guard lock(mMutex);
+        mName.reset();
         listener.swap(mListener);
     }
     if (listener)

@@ -24,7 +24,8 @@ public:
     Server(CFRunLoopRef loop, CommandHandler handler);
     ~Server();
 
-    // Listens under the name's hash. A failure is logged: the plug-in then runs without clients.
+    // Listens under the name's hash. What is in the way is logged, and until it has gone (a process that
+    // serves the same device and is about to end, say) the plug-in runs without clients.
     void listen(const __VellString& name);
 
     // A client gets the frame last published before anything else. While a client's command is handled, one
@@ -46,6 +47,8 @@ private:
         std::unique_ptr<CoreFoundation::FileSource> source; // the loop's thread only
     };
 
+    std::optional<std::string> tryToListen(const std::string& name);
+    void listenAgain();
     void acceptClients(const std::shared_ptr<Listener>& listener);
     void admit(CoreFoundation::FileDescriptor socket);
     void pauseAccepting(const std::shared_ptr<Listener>& listener);
@@ -58,11 +61,13 @@ private:
 
     const CFRunLoopRef mLoop;
     const CommandHandler mHandler;
+    Delay mListenPause;
     Delay mAcceptPause;
     bool mIsShort = false; // of descriptors; one log line for one shortage. The loop's thread only
 
     // Guards the fields below, so that every client sees posts in one order. Taken before a channel's lock.
     mutable std::mutex mMutex;
+    std::optional<std::string> mName; // to listen under, until close
     std::shared_ptr<Listener> mListener;
     std::map<ConnectionIdentifier, std::shared_ptr<FrameChannel>> mClients;
     ConnectionIdentifier mLastClient = kOwnConnection;

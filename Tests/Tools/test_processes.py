@@ -314,6 +314,28 @@ class KilledTest(ProcessesTest):
                 self.assert_nothing_left(self.plugin_processes())
                 os.remove(os.path.join(self.hardware, self.table + ".plist"))
 
+    def test_service_whose_plugins_outlive_it(self):
+        """The next service starts while they are still busy."""
+        stage = STAGES["calibrating"]
+        service = self.start_service(clock_speed=CLOCK_SPEED)
+        self.prepare(stage)
+        client = Client(self.socket())
+        self.addCleanup(client.close)
+        self.use(stage)(client)
+        self.arrive(stage)
+        service.kill()
+        service.wait()
+        self.start_service(clock_speed=CLOCK_SPEED)
+        self.wait_for_log("belongs to a process that is running")
+        old, new = self.plugin_processes()
+        self.let_go()
+        self.wait_for_log("[Server] - listening")
+        client = self.client()
+        self.assertEqual(client.record["Attributes"]["DeviceProcessPID"], str(new))
+        self.assert_measures(client)
+        wait_until(lambda: not is_running(old), "the end of the first plug-in")
+        self.detach()
+
 
 class LockFilesTest(ProcessesTest):
     """The locks of a table and of its family, while somebody else has them."""
@@ -539,7 +561,7 @@ class DateTest(ProcessesTest):
         self.get_ready(client)
         for years in (3, -3):
             scan = self.start("tablectl", "scan", self.layout, "--output", self.path("out.txt"),
-                              environment=self.steering(clock_speed=1))
+                              stdout=subprocess.DEVNULL, environment=self.steering(clock_speed=1))
             self.wait_for_log("measuring row 1...")
             self.step(years * self.YEAR)
             self.simulate()

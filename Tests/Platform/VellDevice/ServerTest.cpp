@@ -421,6 +421,23 @@ TEST_F(SocketTest, OneThatAnswersIsNotReplaced) {
     EXPECT_TRUE(std::filesystem::exists(path));
 }
 
+TEST_F(SocketTest, OneWhoseOwnerEndsIsTakenOver) {
+    CoreFoundation::VirtualClock clock;
+    auto owner = makeSocket(true);
+    EXPECT_THAT(logged(listen), HasSubstr("is running"));
+    EXPECT_EQ(logged([&] {
+                  clock.advance(1);
+                  runSomePasses();
+              }),
+              "")
+        << "said once";
+    owner.reset();
+    EXPECT_FALSE(answers());
+    clock.advance(1);
+    runSomePasses();
+    EXPECT_TRUE(answers());
+}
+
 TEST_F(SocketTest, FolderIsPrivateAndMayNotBeALinkOrTooLong) {
     {
         const std::string made = folder.path() + "/made";
