@@ -1,10 +1,15 @@
 """Every command of tablectl, and several clients at one device."""
 
+import fcntl
 import json
 import os
+import pty
+import re
 import signal
+import struct
 import subprocess
 import sys
+import termios
 import unittest
 
 from support import Chart, ToolsTest, read_measurements, wait_until
@@ -71,11 +76,24 @@ class CommandsTest(ToolsTest):
 
     def test_devices_that_are_not_there(self):
         self.assertIn("no such device", self.tablectl("--device", "usb:other", "status", status=3)[1])
-        for arguments in ([], ["nonsense"], ["get"], ["move", "1"], ["move", "x", "1"], ["scan"], ["lock", "-1"]):
-            self.tablectl(*arguments, status=2)
+        chart = self.path("chart.txt")
+        for arguments, problem in (([], "name a command"), (["nonsense"], "no such command: nonsense"),
+                                   (["get"], "KEY is required"), (["move", "1"], "Y is required"),
+                                   (["move", "x", "1"], "X: not a number: x"), (["scan"], "LAYOUT is required"),
+                                   (["lock", "-1"], "SECONDS: not a number of 0 or more: -1"),
+                                   (["scan", chart, "--spot", "0"], "--spot: not a whole number above 0: 0"),
+                                   (["simulate", "--table", "sideways"], "--table: neither on nor off: sideways"),
+                                   (["simulate", "--chart", self.path("none")], "none: cannot be opened")):
+            _, error = self.tablectl(*arguments, status=2)
+            self.assertRegex(error, rf"^tablectl: .*{problem}\n")
+        _, error = self.tablectl("scan", chart, "--report", self.path("nowhere/report.html"), status=1)
+        self.assertRegex(error, r"^tablectl: cannot write .*nowhere/report.html: No such file")
         os.remove(self.file)
         wait_until(lambda: not self.sockets())
         _, error = self.tablectl("status", status=3)
+        self.assertIn("no device in " + self.runtime, error)
+        output, error = self.tablectl("list")
+        self.assertEqual(output, "")
         self.assertIn("no device in " + self.runtime, error)
 
     def test_a_lock_keeps_other_clients_out(self):
@@ -115,6 +133,22 @@ class CommandsTest(ToolsTest):
         self.assertEqual(watch.returncode, 1)
         self.assertIn("the device went away", error)
 
+    def test_watching_on_a_small_terminal(self):
+        """Every line fits in, and no more of them than there are rows; a key is not all that is seen of a line."""
+        parent, child = pty.openpty()
+        self.addCleanup(os.close, parent)
+        fcntl.ioctl(child, termios.TIOCSWINSZ, struct.pack("HHHH", 10, 30, 0, 0))
+        watch = self.start("tablectl", "status", "--watch", stdout=child)
+        os.close(child)
+        screen = b""
+        while b"more lines)" not in screen:
+            screen += os.read(parent, 4096)
+        watch.send_signal(signal.SIGINT)
+        lines = [line.strip("\r") for line in re.sub(r"\x1b\[\d*[A-Z]", "", screen.decode()).split("\n")]
+        self.assertEqual(len([line for line in lines if line]), 9)
+        self.assertLessEqual(max(map(len, lines)), 29)
+        self.assertEqual(lines[2], "Path: usb:table")
+
     def test_the_virtual_instrument_follows_its_settings(self):
         shown = json.loads(self.tablectl("--json", "simulate")[0])
         self.assertEqual(shown["SerialNumber"], "S-1")
@@ -125,7 +159,6 @@ class CommandsTest(ToolsTest):
         self.tablectl("set", "AutoCalibratesOnButtonPress", "yes")
         self.tablectl("simulate", "--press")
         self.assertEqual(wait_until(lambda: self.next_response())["Name"], "BeginMeasure")
-        self.tablectl("simulate", "--table", "sideways", status=2)
         self.tablectl("simulate", "--attach", "usb:table", status=1)
         self.tablectl("simulate", "--detach")
         self.tablectl("simulate", status=3)

@@ -24,7 +24,7 @@ class DocumentationTest(ToolsTest):
         manual = self.read("Tools", "data", "tablectl.1").replace("Fl -", "--")
         completion = self.read("Tools", "data", "tablectl.bash")
         usage = self.tablectl("--help")[0]
-        commands = re.findall(r"^  (\w+)  ", usage[usage.index("Subcommands:"):], re.M)
+        commands = re.findall(r"^  (\w+)  ", usage[usage.index("Commands:"):], re.M)
         self.assertGreater(len(commands), 10)
         for command in commands:
             self.assertRegex(manual, rf"\.It Cm {command}\b")
@@ -36,6 +36,24 @@ class DocumentationTest(ToolsTest):
         service = subprocess.run([os.path.join(BIN, "vell-service"), "--help"], capture_output=True, text=True).stdout
         for option in set(re.findall(r"--[a-z-]+", service)) - {"--help", "--version"}:
             self.assertIn(option, self.read("Tools", "data", "vell-service.1").replace("Fl -", "--"))
+
+    def test_the_completion_completes(self):
+        self.start_service()
+        self.attach("usb:table-1")
+        self.connect()
+        open(self.path("layout.txt"), "w").close()
+        for line, completions in {"tablectl s": "status set send scan simulate", "tablectl --dev": "--device",
+                                  "tablectl --device ": "usb:table-1", "tablectl --device usb:t": "table-1",
+                                  "tablectl scan --re": "--report", "tablectl scan lay": "layout.txt",
+                                  "tablectl --simulated scan sc": "scan", "tablectl get Mod": "Modes Mode",
+                                  "tablectl set Bee": "Beep", "tablectl set Beep Bee": "", "tablectl send Go": "GoHome",
+                                  "tablectl mode Si": "SingleReflectance", "tablectl simulate --table ": "on off",
+                                  "tablectl status ": "", "tablectl status --w": "--watch"}.items():
+            script = """source "$0"; COMP_LINE="$1"; COMP_POINT=${#1}; _tablectl; echo "${COMPREPLY[*]}" """
+            completed = subprocess.run(["bash", "-c", script, os.path.join(ROOT, "Tools/data/tablectl.bash"), line],
+                                       env=self.environment | {"PATH": BIN + ":" + self.environment["PATH"]},
+                                       cwd=self.folder, capture_output=True, text=True, check=True)
+            self.assertEqual((completed.stdout.strip(), completed.stderr), (completions, ""), line)
 
     def test_no_command_is_shown_that_nothing_runs(self):
         documents = ["README.md", "ARCHITECTURE.md", "Platform/README.md"] + glob.glob("docs/*.md", root_dir=ROOT)

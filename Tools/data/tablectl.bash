@@ -3,10 +3,19 @@
 _tablectl() {
     local commands="list status commands get set mode calibrate move position home cancel reset send lock scan simulate"
     local options="--help --version --runtime-dir --device --json --simulated --noise"
-    local current="${COMP_WORDS[COMP_CWORD]}" previous="${COMP_WORDS[COMP_CWORD - 1]}" command="" word
+    local words current previous command="" skip="" word index
 
-    for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-        if [[ " $commands " == *" $word "* ]]; then
+    # Not COMP_WORDS: bash cuts device paths at their colons.
+    read -a words <<<"${COMP_LINE:0:COMP_POINT}"
+    [[ "${COMP_LINE:0:COMP_POINT}" == *" " ]] && words+=("")
+    current="${words[-1]}"
+    previous="${words[-2]}"
+    for word in "${words[@]:1:${#words[@]}-2}"; do
+        if [[ -n "$skip" ]]; then
+            skip=""
+        elif [[ " --runtime-dir --device --simulated --noise " == *" $word "* ]]; then
+            skip="its value"
+        elif [[ " $commands " == *" $word "* ]]; then
             command="$word"
             break
         fi
@@ -14,14 +23,20 @@ _tablectl() {
 
     case "$previous" in
         --runtime-dir) COMPREPLY=($(compgen -d -- "$current")); return ;;
-        --simulated | --output | --report | --chart | scan) COMPREPLY=($(compgen -f -- "$current")); return ;;
-        --device) COMPREPLY=($(compgen -W "$(tablectl list 2>/dev/null | cut -d' ' -f1)" -- "$current")); return ;;
+        --simulated | --output | --report | --chart) COMPREPLY=($(compgen -f -- "$current")); return ;;
+        --device)
+            COMPREPLY=($(compgen -W "$(tablectl list 2>/dev/null | cut -d' ' -f1)" -- "$current"))
+            COMPREPLY=("${COMPREPLY[@]#"${current%"${current##*:}"}"}")
+            return
+            ;;
         --table | --spectrophotometer) COMPREPLY=($(compgen -W "on off" -- "$current")); return ;;
-        mode) COMPREPLY=($(compgen -W "ScanningReflectance SingleReflectance" -- "$current")); return ;;
-        send) COMPREPLY=($(compgen -W "$(tablectl commands 2>/dev/null | cut -d' ' -f1)" -- "$current")); return ;;
     esac
     case "$command" in
         "") options+=" $commands" ;;
+        get) options+=" $(tablectl status 2>/dev/null | cut -d: -f1)" ;;
+        set) [[ "$previous" == set ]] && options+=" $(tablectl status 2>/dev/null | cut -d: -f1)" ;;
+        mode) options+=" ScanningReflectance SingleReflectance" ;;
+        send) [[ "$previous" == send ]] && options+=" $(tablectl commands 2>/dev/null | cut -d' ' -f1)" ;;
         status) options+=" --watch" ;;
         scan) options+=" --output --report --rows --spot --low-resolution --time-scale" ;;
         simulate)
@@ -29,7 +44,13 @@ _tablectl() {
             options+=" --spectrophotometer --press"
             ;;
     esac
-    COMPREPLY=($(compgen -W "$options" -- "$current"))
+    if [[ "$command" == scan && "$current" != -* ]]; then
+        COMPREPLY=($(compgen -f -- "$current"))
+    elif [[ "$current" == -* ]]; then
+        COMPREPLY=($(compgen -W "$options" -- "$current"))
+    else # options are for those who have begun one
+        COMPREPLY=($(compgen -W "$(tr ' ' '\n' <<<"$options" | grep -v '^--')" -- "$current"))
+    fi
 }
 
 complete -o filenames -F _tablectl tablectl

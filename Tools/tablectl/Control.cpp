@@ -1,4 +1,5 @@
 // Commands that change something or move the head: one device command each, but for `send` and `lock`.
+#include "Checks.h"
 #include "Context.h"
 #include "Errors.h"
 #include "Table.h"
@@ -132,8 +133,8 @@ void addControlCommands(CLI::App& app, Action& chosen) {
     CLI::App& set = addCommand(app, chosen, "set", "Sets an option of the instrument", [](Context& context) {
         callOne(context, {"SetAttribute", {{"key", key}, {"value", value}}});
     });
-    set.add_option("KEY", key, "The option, or LowResolutionScan")->required();
-    set.add_option("VALUE", value, "Its new value")->required();
+    set.add_option("KEY", key, "The option, or LowResolutionScan")->type_name("")->required();
+    set.add_option("VALUE", value, "Its new value")->type_name("")->required();
 
     static std::string mode;
     addCommand(app, chosen, "mode", "Sets the measurement mode",
@@ -141,6 +142,7 @@ void addControlCommands(CLI::App& app, Action& chosen) {
                    callOne(context, {"SetMode", {{"Mode", mode}}});
                })
         .add_option("NAME", mode, "ScanningReflectance or SingleReflectance")
+        ->type_name("")
         ->required();
 
     addCommand(app, chosen, "calibrate", "Calibrates on the white tile", [](Context& context) {
@@ -152,8 +154,8 @@ void addControlCommands(CLI::App& app, Action& chosen) {
     CLI::App& move = addCommand(app, chosen, "move", "Moves the head", [](Context& context) {
         callOne(context, {"SetDevicePosition", {{"x", x}, {"y", y}}});
     });
-    move.add_option("X", x, "Table coordinates")->required()->check(CLI::Number);
-    move.add_option("Y", y)->required()->check(CLI::Number);
+    move.add_option("X", x, "Table coordinates")->type_name("")->required()->check(isNumber());
+    move.add_option("Y", y)->type_name("")->required()->check(isNumber());
 
     addCommand(app, chosen, "position", "Prints where the head is", position);
     addCommand(app, chosen, "home", "Sends the head home", [](Context& context) {
@@ -173,15 +175,16 @@ void addControlCommands(CLI::App& app, Action& chosen) {
     CLI::App& sendCommand =
         addCommand(app, chosen, "send", "Sends any command and shows what the device answers",
                    [](Context& context) { send(context, name, arguments); });
-    sendCommand.add_option("COMMAND", name, "Its name, as `commands` lists it")->required();
-    sendCommand.add_option("KEY=VALUE", arguments, "Its arguments");
+    sendCommand.add_option("COMMAND", name, "Its name, as `commands` lists it")->type_name("")->required();
+    sendCommand.add_option("KEY=VALUE", arguments, "Its arguments")->type_name("");
 
     static double seconds = 0;
     addCommand(app, chosen, "lock", "Holds the device lock for a while",
                [](Context& context) { holdLock(context, seconds); })
         .add_option("SECONDS", seconds, "For how long")
+        ->type_name("")
         ->required()
-        ->check(CLI::NonNegativeNumber);
+        ->check(isNotNegative());
 }
 
 } // namespace tablectl

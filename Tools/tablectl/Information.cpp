@@ -7,6 +7,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdio>
+#include <iterator>
 
 namespace tablectl {
 
@@ -25,7 +27,10 @@ Json statusJson(const DeviceStatus& status) {
 }
 
 void list(Context& context) {
-    for (const DeviceStatus& status : discover(context)) {
+    const std::vector<DeviceStatus> devices = discover(context);
+    if (devices.empty())
+        std::fprintf(stderr, "tablectl: %s\n", noDeviceText().c_str());
+    for (const DeviceStatus& status : devices) {
         if (context.output.isJson()) {
             context.output.object(tableJson(status.fields()));
             continue;
@@ -38,15 +43,26 @@ void list(Context& context) {
     }
 }
 
+// Values stand below each other, unless that leaves too little of a narrow terminal for them.
 std::vector<std::string> statusLines(const DeviceStatus& status) {
+    constexpr int kRoomForValues = 30;
     TextTable table = status.fields();
-    table.insert(table.end(), status.attributes.begin(), status.attributes.end());
-    std::size_t width = 0;
+    std::copy_if(status.attributes.begin(), status.attributes.end(), std::back_inserter(table),
+                 [&](const auto& attribute) {
+                     return std::find(table.begin(), table.end(), attribute) == table.end();
+                 });
+    std::size_t column = 0;
     for (const auto& [key, value] : table)
-        width = std::max(width, key.size());
+        column = std::max(column, key.size() + 2);
+    if (isTerminal(Stream::output) &&
+        static_cast<int>(column) + kRoomForValues > terminalWidth(Stream::output))
+        column = 0;
     std::vector<std::string> lines;
-    for (const auto& [key, value] : table)
-        lines.push_back(key + ":" + std::string(width + 1 - key.size(), ' ') + value);
+    for (const auto& [key, value] : table) {
+        std::string line = key + ": ";
+        line.resize(std::max(column, line.size()), ' ');
+        lines.push_back(line + value);
+    }
     return lines;
 }
 
@@ -138,6 +154,7 @@ void addInformationCommands(CLI::App& app, Action& chosen) {
     addCommand(app, chosen, "get", "Prints attributes of the record",
                [](Context& context) { get(context, keys); })
         .add_option("KEY", keys, "Names of attributes or fields, as `status` shows them")
+        ->type_name("")
         ->required();
 }
 

@@ -5,11 +5,14 @@
 
 #include <Color/Colorimetry.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <map>
 
@@ -121,8 +124,9 @@ std::string now() {
 }
 
 std::string spotsText(const ReportContent& content) {
-    if (content.spotReadings)
-        return "all, as asked: " + std::to_string(*content.spotReadings) + " for each patch";
+    if (content.spotsWereAskedFor)
+        return "all, as asked: " + std::to_string(content.rows.front().readings.back().spotIndex + 1) +
+               " for each patch";
     std::vector<std::string> rows;
     for (const int row : content.spotRows)
         rows.push_back(std::to_string(row));
@@ -170,6 +174,17 @@ std::string dataJson(const ReportContent& content) {
 }
 
 } // namespace
+
+void checkReportFile(const std::string& file) {
+    const std::filesystem::path path(file);
+    const std::filesystem::path folder = path.has_parent_path() ? path.parent_path() : ".";
+    std::error_code ignored;
+    if (std::filesystem::is_directory(path, ignored))
+        errno = EISDIR;
+    else if (access((std::filesystem::exists(path, ignored) ? path : folder).c_str(), W_OK) == 0)
+        return;
+    throw DeviceFailure("cannot write " + file + ": " + std::strerror(errno));
+}
 
 void writeReport(const std::string& file, const ReportContent& content) {
     static const std::string kMark = "@DATA@";

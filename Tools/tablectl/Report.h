@@ -14,10 +14,13 @@ struct ReportContent {
     const Color::ChartLayout& layout;
     std::optional<DeviceStatus> device;
     const std::vector<Row>& rows;
-    std::optional<int> spotReadings;  // of each patch, when spots were asked for
+    bool spotsWereAskedFor;
     const std::vector<int>& spotRows; // where strips failed
     const std::vector<std::string>& warnings;
 };
+
+// Throws DeviceFailure when a report cannot be written there. Better before a long scan than after it.
+void checkReportFile(const std::string& file);
 
 // Writes a self-contained page: the chart as it lies on the table, measured beside reference, with colour
 // differences. Throws DeviceFailure when the file cannot be written.

@@ -1,5 +1,6 @@
 #include "Scan.h"
 
+#include "Checks.h"
 #include "Errors.h"
 #include "Report.h"
 
@@ -216,12 +217,13 @@ void Scan::finish() {
     const std::string rows = std::to_string(state.rowsDone) + " of " + std::to_string(state.rows) +
                              " rows, " + std::to_string(state.patchesDone) + " patches measured";
     mProgress.end(isComplete() ? "done" : "incomplete",
-                  rows + (mRequest.outputFile.empty() ? "" : ", in " + mRequest.outputFile));
+                  rows + (mSink && !mRequest.outputFile.empty() ? ", in " + mRequest.outputFile : ""));
     if (mSink && !mContext.output.isJson())
         mSink->copyTo(mContext.output);
     if (!mRequest.reportFile.empty() && !mRows.empty())
-        writeReport(mRequest.reportFile, {mLayout, mTable.session().status(mTable.path()), mRows,
-                                          mRequest.spotReadings, state.spotRows, mLog.warnings()});
+        writeReport(mRequest.reportFile,
+                    {mLayout, mTable.session().status(mTable.path()), mRows,
+                     mRequest.spotReadings.has_value(), state.spotRows, mLog.warnings()});
 }
 
 namespace {
@@ -244,6 +246,8 @@ void scan(Context& context, ScanRequest& request, const std::string& rows) {
     const Color::ChartLayout layout = readLayout(request.layoutFile);
     if (!rows.empty())
         request.rows = rowRange(rows, layout);
+    if (!request.reportFile.empty())
+        checkReportFile(request.reportFile);
     const Table table = Table::find(context);
     if (context.options.timeScale && !context.simulation)
         setTimeScale(table.path(), *context.options.timeScale);
@@ -258,19 +262,23 @@ void addScanCommand(CLI::App& app, Action& chosen, Options& options) {
     static std::string rows;
     CLI::App& command = addCommand(app, chosen, "scan", "Measures a chart",
                                    [](Context& context) { scan(context, request, rows); });
-    command.add_option("LAYOUT", request.layoutFile, "The chart's layout file")->required();
-    command.add_option("--output", request.outputFile, "Measurement file (default: standard output)");
-    command.add_option("--report", request.reportFile, "A page that shows measured beside reference");
-    command.add_option("--rows", rows, "Only rows A-B, counted from 0, one by one");
+    command.add_option("LAYOUT", request.layoutFile, "The chart's layout file")->type_name("")->required();
+    command.add_option("--output", request.outputFile, "Measurement file (default: standard output)")
+        ->type_name("FILE");
+    command.add_option("--report", request.reportFile, "A page that shows measured beside reference")
+        ->type_name("FILE");
+    command.add_option("--rows", rows, "Only rows A-B, counted from 0, one by one")->type_name("A-B");
     command
         .add_option("--spot", request.spotReadings,
                     "Read each patch N times at spots (5 at most) instead of strips")
-        ->check(CLI::PositiveNumber);
+        ->type_name("N")
+        ->check(isCount());
     command.add_flag("--low-resolution", request.lowResolution, "Recognise patches that differ clearly only");
     command
         .add_option("--time-scale", options.timeScale,
                     "Of the virtual instrument: 1 as the real table, 0 at once")
-        ->check(CLI::NonNegativeNumber);
+        ->type_name("F")
+        ->check(isNotNegative());
 }
 
 } // namespace tablectl

@@ -1,4 +1,6 @@
 // The settings of the virtual instrument, and attaching and detaching one.
+#include "Chart.h"
+#include "Checks.h"
 #include "Context.h"
 #include "Errors.h"
 #include "HardwareFile.h"
@@ -52,7 +54,8 @@ HardwareFile chosenFile(const Context& context) {
     std::erase_if(files,
                   [&](const HardwareFile& file) { return !wanted.empty() && file.devicePath() != wanted; });
     if (files.empty())
-        throw NoDevice("no such virtual instrument in " + VellService::hardwareFolderPath());
+        throw NoDevice((wanted.empty() ? "no" : "no such") + std::string(" virtual instrument in ") +
+                       VellService::hardwareFolderPath() + "; `simulate --attach PATH` makes one");
     if (files.size() > 1) {
         std::string paths;
         for (const HardwareFile& file : files)
@@ -116,6 +119,8 @@ void detach(const HardwareFile& file) {
 }
 
 void simulate(Context& context, const Changes& changes) {
+    if (changes.chart && !changes.chart->empty())
+        readLayout(*changes.chart); // an unreadable one is reported here, not in the plug-in's log
     HardwareFile file = changes.attach.empty() ? chosenFile(context) : attached(changes.attach);
     if (changes.detach) {
         detach(file);
@@ -145,19 +150,30 @@ void addSimulateCommand(CLI::App& app, Action& chosen) {
         addCommand(app, chosen, "simulate", "Changes the virtual instrument, and shows its settings",
                    [](Context& context) { simulate(context, changes); });
     CLI::Option* attach =
-        command.add_option("--attach", changes.attach, "Attach a new table with this device path");
+        command.add_option("--attach", changes.attach, "Attach a new table with this device path")
+            ->type_name("PATH");
     command.add_flag("--detach", changes.detach, "Detach the table")->excludes(attach);
-    command.add_option("--serial", changes.serial, "Serial number of the table");
-    command.add_option("--identifier", changes.identifier, "What the table calls itself (default: its path)");
-    command.add_option("--chart", changes.chart, "Layout of the chart on the table; \"\" for bare paper");
+    command.add_option("--serial", changes.serial, "Serial number of the table")->type_name("TEXT");
+    command.add_option("--identifier", changes.identifier, "What the table calls itself (default: its path)")
+        ->type_name("TEXT");
+    command.add_option("--chart", changes.chart, "Layout of the chart on the table; \"\" for bare paper")
+        ->type_name("FILE");
     command.add_option("--time-scale", changes.timeScale, "1: as slow as the real table, 0: at once")
-        ->check(CLI::NonNegativeNumber);
+        ->type_name("F")
+        ->check(isNotNegative());
     command.add_option("--noise", changes.noise, "Standard deviation of spectral values")
-        ->check(CLI::NonNegativeNumber);
-    command.add_option("--fault", changes.fault,
-                       "CALL:N:STATUS, CALL:N:throw, CALL:N:hang=SECONDS; \"\" for none");
-    command.add_option("--table", changes.table, "off: no table answers");
-    command.add_option("--spectrophotometer", changes.spectrophotometer, "off: it is lifted off the table");
+        ->type_name("F")
+        ->check(isNotNegative());
+    command
+        .add_option("--fault", changes.fault,
+                    "CALL:N:STATUS, CALL:N:throw, CALL:N:hang=SECONDS; \"\" for none")
+        ->type_name("FAULT");
+    command.add_option("--table", changes.table, "off: no table answers")
+        ->type_name("on|off")
+        ->check(isOnOrOff());
+    command.add_option("--spectrophotometer", changes.spectrophotometer, "off: it is lifted off the table")
+        ->type_name("on|off")
+        ->check(isOnOrOff());
     command.add_flag("--press", changes.press, "Press the button once");
 }
 

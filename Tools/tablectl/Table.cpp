@@ -74,6 +74,12 @@ std::vector<DeviceStatus> discover(Context& context) {
     return context.session.devices();
 }
 
+std::string noDeviceText() {
+    return "no device in " + VellService::runtimeFolderPath() +
+           (socketCount() > 0 ? ": the plug-in there has not connected its table yet"
+                              : "; is vell-service running, and a table attached?");
+}
+
 Table::Table(Session& session, std::string path) : mSession(session), mPath(std::move(path)) {}
 
 Table Table::find(Context& context) {
@@ -83,8 +89,7 @@ Table Table::find(Context& context) {
     if (devices.empty()) {
         if (!wanted.empty())
             throw NoDevice("no such device: " + wanted);
-        throw NoDevice("no device in " + VellService::runtimeFolderPath() +
-                       (socketCount() > 0 ? ": the plug-in there has not connected its table yet" : ""));
+        throw NoDevice(noDeviceText());
     }
     if (devices.size() > 1) {
         std::string paths;

@@ -18,6 +18,9 @@ constexpr Session::Seconds kBusyPause{0.1};
 // has.
 std::vector<DeviceStatus> discover(Context& context);
 
+// Where devices were looked for in vain, and what may be missing.
+std::string noDeviceText();
+
 // The device that a command is for.
 class Table {
 public:

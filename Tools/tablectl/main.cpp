@@ -1,4 +1,5 @@
 // tablectl: the scanning table from the command line.
+#include "Checks.h"
 #include "Context.h"
 #include "Errors.h"
 #include "Simulation.h"
@@ -17,7 +18,7 @@ namespace tablectl {
 
 CLI::App& addCommand(CLI::App& app, Action& chosen, const std::string& name, const std::string& description,
                      Action action) {
-    CLI::App* command = app.add_subcommand(name, description);
+    CLI::App* command = app.add_subcommand(name, description)->group("Commands");
     command->callback([&chosen, action = std::move(action)] { chosen = action; });
     return *command;
 }
@@ -29,13 +30,35 @@ void addOptions(CLI::App& app, Options& options, std::string& runtimeFolder) {
     app.require_subcommand(1);
     app.fallthrough();
     app.get_formatter()->column_width(34);
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
     app.add_option("--runtime-dir", runtimeFolder, "Where the plug-ins' sockets are")
+        ->type_name("DIR")
         ->envname("VELL_RUNTIME_DIR");
-    app.add_option("--device", options.device, "Path, name or serial number, when there are several");
+    app.add_option("--device", options.device, "Path, name or serial number, when there are several")
+        ->type_name("NAME");
     app.add_flag("--json", options.json, "One JSON object per line on standard output");
-    app.add_option("--simulated", options.simulated, "Use a virtual table of its own, with this chart on it");
+    app.add_option("--simulated", options.simulated, "Use a virtual table of its own, with this chart on it")
+        ->type_name("LAYOUT");
     app.add_option("--noise", options.noise, "Of the --simulated table's readings (standard deviation)")
-        ->check(CLI::NonNegativeNumber);
+        ->type_name("F")
+        ->check(isNotNegative());
+}
+
+// Shows the help that was asked for, or says what is wrong with the command line. The exit status.
+int explain(const CLI::App& app, const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0)
+        return app.exit(error);
+    const auto commands = app.get_subcommands();
+    const auto unknown = app.remaining();
+    std::string problem = error.what();
+    if (commands.empty() && unknown.empty())
+        problem = "name a command";
+    else if (commands.empty())
+        problem = std::string("no such ") + (unknown.front().starts_with("-") ? "option: " : "command: ") +
+                  unknown.front();
+    const std::string command = commands.empty() ? "" : " " + commands.front()->get_name();
+    std::fprintf(stderr, "tablectl: %s\nSee tablectl%s --help.\n", problem.c_str(), command.c_str());
+    return 2;
 }
 
 // Runs the command and reports how it failed. Command's thread.
@@ -121,7 +144,7 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : 2;
+        return explain(app, error);
     }
     try {
         if (!runtimeFolder.empty())
