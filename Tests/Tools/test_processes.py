@@ -165,6 +165,13 @@ class ProcessesTest(ToolsTest):
                 self.assertEqual([single(float(value)) for value in spectrum["Values"]],
                                  [single(value) for value in self.chart.spectra[number, column]])
 
+    def assert_is_free(self):
+        """Nobody holds the table, its head is at home, and it measures."""
+        client = self.client()
+        self.assertEqual(client.record["LockHolder"], "")
+        wait_until(lambda: client.call("GetDevicePosition")["Message"] == "0.000000,0.000000", "the head at home")
+        self.assert_measures(client)
+
     def assert_nothing_left(self, processes, *tables):
         wait_until(lambda: not any(map(is_running, processes)), "the end of the plug-ins")
         self.assertEqual(self.sockets(), [])
@@ -388,13 +395,19 @@ class LockFilesTest(ProcessesTest):
         self.assertEqual(self.lock_files(), [])
 
 
+def system_call(name, *arguments):
+    if getattr(LIBC, name)(*arguments) != 0:
+        raise OSError(ctypes.get_errno(), name)
+
+
+LIBC = ctypes.CDLL(None, use_errno=True)
+
+
 def without_privileges():
     """In a child process: permissions hold for root, too."""
     if os.geteuid() == 0:
-        library = ctypes.CDLL(None, use_errno=True)
         for capability in (1, 2):  # CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH
-            if library.prctl(24, capability, 0, 0, 0) != 0:  # PR_CAPBSET_DROP
-                raise OSError(ctypes.get_errno(), "PR_CAPBSET_DROP")
+            system_call("prctl", 24, capability, 0, 0, 0)  # PR_CAPBSET_DROP
 
 
 def with_small_files():
@@ -427,12 +440,6 @@ class UnwritableTest(ProcessesTest):
         _, error = process.communicate()
         self.assertEqual(process.returncode, status, error)
         return error
-
-    def assert_is_free(self):
-        client = self.client()
-        self.assertEqual(client.record["LockHolder"], "")
-        self.assertEqual(client.call("GetDevicePosition")["Message"], "0.000000,0.000000")
-        self.assert_measures(client)
 
     def test_a_full_disk_under_the_logs(self):
         self.start_service(preexec_fn=with_small_files)
@@ -502,6 +509,64 @@ class UnwritableTest(ProcessesTest):
         self.assertEqual(os.listdir(theirs), [])
 
 
+class FullDiskTest(ProcessesTest):
+    """Disks of a few pages, which only this process and its children see."""
+
+    @classmethod
+    def setUpClass(cls):
+        user, group = os.geteuid(), os.getegid()
+        try:
+            system_call("unshare", 0x20000 | (0x10000000 if user else 0))  # CLONE_NEWNS, CLONE_NEWUSER
+            if user:
+                for file, text in (("setgroups", "deny"), ("uid_map", f"{user} {user} 1"),
+                                   ("gid_map", f"{group} {group} 1")):
+                    with open("/proc/self/" + file, "w") as settings:
+                        settings.write(text)
+            system_call("mount", b"none", b"/", None, 0x4000 | 0x40000, None)  # MS_REC, MS_PRIVATE
+        except OSError as problem:
+            raise unittest.SkipTest(f"no mounts of our own: {problem}")
+
+    def mount_disk(self, folder, options):
+        os.makedirs(folder, exist_ok=True)
+        system_call("mount", b"tmpfs", folder.encode(), b"tmpfs", 0, b"mode=0700," + options)
+        self.addCleanup(system_call, "umount2", folder.encode(), 2)  # MNT_DETACH
+
+    def test_no_room_for_logs_and_results(self):
+        logs, results = self.path("logs"), self.path("results")
+        self.mount_disk(logs, b"size=8k")
+        self.mount_disk(results, b"size=4k")
+        self.start_service(environment={"VELL_LOG_DIR": logs})
+        self.simulate()
+        self.assert_measures(self.client())
+        self.assertEqual(len(self.log_lines("the log cannot be written: No space left on device")), 1)
+        output = os.path.join(results, "out.txt")
+        scan = self.start("tablectl", "scan", self.layout, "--output", output, stdout=subprocess.DEVNULL,
+                          stderr=subprocess.PIPE)
+        _, error = scan.communicate()
+        self.assertEqual(scan.returncode, 1)
+        self.assertIn(f"tablectl: {output}: cannot be written: No space left on device\n", error)
+        self.assertIn(len(read_measurements(output)), (4, 8))  # as many rows as fit
+        self.assert_is_free()
+
+    def test_no_room_in_the_runtime_folder(self):
+        self.hardware = self.path("hardware")
+        os.mkdir(self.hardware)
+        self.environment["VELL_HARDWARE_DIR"] = self.hardware
+        self.mount_disk(self.runtime, b"nr_inodes=5")
+        fill = [os.path.join(self.runtime, str(number)) for number in range(4)]
+        for file in fill:
+            os.mkdir(file)
+        self.start_service()
+        self.simulate()
+        wait_until(lambda: self.log_lines("no log file: cannot make"), "the complaint about the log")
+        problem, = wait_until(lambda: self.log_lines("no clients for"), "the complaint about the socket")
+        self.assertIn("No space left on device", problem)
+        self.assertIn("no device in", self.hurried_tablectl("status", status=3))
+        for file in fill:
+            os.rmdir(file)
+        self.assert_measures(self.client())
+
+
 class DateTest(ProcessesTest):
     """The system's date is stepped under running processes."""
 
@@ -561,7 +626,7 @@ class DateTest(ProcessesTest):
         self.get_ready(client)
         for years in (3, -3):
             scan = self.start("tablectl", "scan", self.layout, "--output", self.path("out.txt"),
-                              stdout=subprocess.DEVNULL, environment=self.steering(clock_speed=1))
+                              stderr=subprocess.DEVNULL, environment=self.steering(clock_speed=1))
             self.wait_for_log("measuring row 1...")
             self.step(years * self.YEAR)
             self.simulate()
