@@ -216,12 +216,12 @@ class ToolsTest(unittest.TestCase):
             with open(self.service_log) as log:
                 print(log.read(), file=sys.stderr)
 
-    def start_service(self, *arguments, **options):
+    def start_service(self, *arguments, program="vell-service", **options):
         self.service_log = self.path("service.log")
         self.addCleanup(self.show_log)
         self.addCleanup(lambda: self.assertEqual(self.log_lines("Sanitizer"), [], "a plug-in or the service"))
         with open(self.service_log, "a") as log:
-            return self.start("vell-service", *arguments, stderr=log, **options)
+            return self.start(program, *arguments, stderr=log, **options)
 
     def log_lines(self, text):
         with open(self.service_log) as log:

@@ -4,6 +4,7 @@ import glob
 import os
 import pathlib
 import re
+import shutil
 import signal
 import subprocess
 import unittest
@@ -106,6 +107,18 @@ class ServiceTest(ToolsTest):
         client.send("DieAQuickDeath")
         wait_until(lambda: self.log_lines("stays down"), "the end")
         self.assertEqual(self.sockets(), [])
+
+    def test_a_plugin_that_cannot_be_started_is_tried_again(self):
+        programs = self.path("bin")
+        os.mkdir(programs)
+        shutil.copy(os.path.join(BIN, "vell-service"), programs)  # and not the program that runs a plug-in
+        self.start_service("--restart-pause", "0.02", "--bundle", HostTest.BUNDLE,
+                           program=os.path.join(programs, "vell-service"))
+        self.attach("usb:table")
+        wait_until(lambda: len(self.log_lines("starts again in 0.04 s")) == 1, "the second attempt")
+        self.assertIn("cannot start", self.log_lines("vell-plugin-host")[0])
+        os.symlink(os.path.join(BIN, "vell-plugin-host"), os.path.join(programs, "vell-plugin-host"))
+        self.connect()
 
     def test_a_second_service_is_refused(self):
         self.start_service()

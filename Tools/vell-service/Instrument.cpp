@@ -43,7 +43,9 @@ void Instrument::start() {
             std::map<std::string, std::string>{{"TAVI_TABLE", mHardwareFile},
                                                {"VELL_SERVICE_PID", std::to_string(getpid())}});
     } catch (const std::system_error& error) {
+        // For want of memory or processes, most likely, which may be there again soon.
         log("%s: %s", mPath.c_str(), error.what());
+        startAgainIn(mRestarts.nextPause());
         return;
     }
     mStarted = CFAbsoluteTimeGetCurrent();
@@ -76,8 +78,12 @@ void Instrument::ended(const tools::ProcessEnd& end, double secondsLived) {
         log("%s: stays down until it is attached again", mPath.c_str());
         return;
     }
-    log("%s: starts again in %g s", mPath.c_str(), *pause);
-    mRestartTimer = tools::LoopTimer(*pause, 0, [this] { start(); });
+    startAgainIn(*pause);
+}
+
+void Instrument::startAgainIn(double seconds) {
+    log("%s: starts again in %g s", mPath.c_str(), seconds);
+    mRestartTimer = tools::LoopTimer(seconds, 0, [this] { start(); });
 }
 
 bool Instrument::askToEnd(VellDeviceRef record) {

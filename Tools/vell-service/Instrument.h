@@ -47,6 +47,7 @@ public:
 
 private:
     void start();
+    void startAgainIn(double seconds);
     void ended(const tools::ProcessEnd& end, double secondsLived);
     void removeSocket() const;
 

@@ -18,6 +18,10 @@ std::optional<double> RestartPolicy::pauseAfter(const tools::ProcessEnd& end, do
         return std::nullopt;
     if (secondsLived >= kUsefulLife)
         mNextPause = mFirstPause;
+    return nextPause();
+}
+
+double RestartPolicy::nextPause() {
     return std::exchange(mNextPause, std::min(mNextPause * 2, kLongestPause));
 }
 

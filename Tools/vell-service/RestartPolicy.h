@@ -18,6 +18,8 @@ public:
 
     // Seconds until the next start; nothing when there is to be none.
     std::optional<double> pauseAfter(const tools::ProcessEnd& end, double secondsLived);
+    // The same after a start that did not succeed.
+    double nextPause();
 
 private:
     double mFirstPause;
