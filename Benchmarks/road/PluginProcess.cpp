@@ -195,9 +195,13 @@ std::size_t residentBytesOf(pid_t process) {
 }
 
 double PluginProcess::processorSeconds() const {
-    std::ifstream file("/proc/" + std::to_string(identifier()) + "/schedstat");
     double nanoseconds = 0;
-    file >> nanoseconds;
+    for (const auto& task :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(identifier()) + "/task")) {
+        double ran = 0;
+        std::ifstream(task.path() / "schedstat") >> ran;
+        nanoseconds += ran;
+    }
     return nanoseconds / 1e9;
 }
 
