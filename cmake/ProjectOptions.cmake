@@ -13,9 +13,10 @@ if(TAVI_SANITIZE)
 endif()
 
 # Adds a test program in the folder that mirrors the one it exercises; its cases are found when it is run.
-#   tavi_add_test(NAME SOURCES a.cpp b.cpp LIBRARIES x y [TIMEOUT seconds])
+# The label "one_thread" is for what has nothing to tell the thread sanitizer.
+#   tavi_add_test(NAME SOURCES a.cpp b.cpp LIBRARIES x y [TIMEOUT seconds] [LABEL one_thread])
 function(tavi_add_test name)
-    cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBRARIES" ${ARGN})
+    cmake_parse_arguments(ARG "" "TIMEOUT;LABEL" "SOURCES;LIBRARIES" ${ARGN})
     add_executable(${name} ${ARG_SOURCES})
     target_link_libraries(${name} PRIVATE project_options ${ARG_LIBRARIES} GTest::gmock GTest::gtest_main)
     target_precompile_headers(${name} REUSE_FROM test_headers)
@@ -24,5 +25,5 @@ function(tavi_add_test name)
         set(ARG_TIMEOUT 180) # far more than any takes, under a sanitizer on a loaded machine too
     endif()
     include(GoogleTest)
-    gtest_discover_tests(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} DISCOVERY_TIMEOUT 60)
+    gtest_discover_tests(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABEL}" DISCOVERY_TIMEOUT 60)
 endfunction()
