@@ -82,7 +82,6 @@ bool isNoLockFile(const std::string& path) {
 } // namespace
 
 // --- GlobalLock
-// ----------------------------------------------------------------------------------------------------
 
 void GlobalLock::EncodeMutexNameForPlatform(const std::string& name, std::string& out) {
     const VellStringRef string = VellStringCreateWithCStringUsingEncoding(name.c_str(), 0);
@@ -158,7 +157,6 @@ void GlobalLock::RemoveHeldFiles() {
 }
 
 // --- GlobalDeviceLock
-// ----------------------------------------------------------------------------------------------
 
 void GlobalDeviceLock::EncodeMutexNameForPlatform(const std::string& name, std::string& out) {
     std::string path = "/tmp/";

@@ -20,7 +20,6 @@
 extern "C" {
 
 // --- Objects
-// -------------------------------------------------------------------------------------------------------
 
 using VellObjectRef = void*;
 using VellStringRef = struct __VellString*;
@@ -102,7 +101,6 @@ VellObjectRef
 VellCoderCopyRootObjectWithEncodedData(VellDataRef data); // also reads XML; null when it is neither
 
 // --- Commands, receipts, responses
-// ---------------------------------------------------------------------------------
 
 // Who sent a command. `source` is the name the sender registered, `ticket` what tells its commands apart,
 // `processIdentifier` the sender as the kernel knows it, as text.
@@ -144,7 +142,6 @@ void VellDeviceCommandResponseSetData(VellDeviceCommandResponseRef response, Vel
 void VellDeviceCommandResponsePost(VellDeviceCommandResponseRef response);
 
 // --- Measurements
-// --------------------------------------------------------------------------------------------------
 
 VellMeasurementRef VellMeasurementCreate();
 VellStringRef VellMeasurementGetMode(VellMeasurementRef measurement);
@@ -171,7 +168,6 @@ void VellMeasurementColorSetValues(VellMeasurementColorRef color, VellArrayRef v
 VellArrayRef VellMeasurementColorCopyValues(VellMeasurementColorRef color);
 
 // --- Device records
-// ------------------------------------------------------------------------------------------------
 
 // A record made here is this process's own, and posting it publishes it; one that the center hands out
 // mirrors the last status that its plug-in posted.
@@ -225,7 +221,6 @@ VellReceiptRef VellDeviceSendMeasureCommand(VellDeviceRef device);
 VellReceiptRef VellDeviceSendSetModeCommand(VellDeviceRef device, VellStringRef mode);
 
 // --- Device center
-// -------------------------------------------------------------------------------------------------
 
 // The one center of the process. It belongs to the thread that asks first; that thread's run loop is the
 // center's.
@@ -276,7 +271,6 @@ VellArrayRef VellDeviceCenterCopyDevices(VellDeviceCenterRef center); // all tha
 void VellDeviceCenterPostSimpleMessage(VellDeviceCenterRef center, VellStringRef first, VellStringRef second);
 
 // --- Hardware
-// ------------------------------------------------------------------------------------------------------
 
 extern const VellStringRef kVellHardwareVendorID;    // "VendorID"
 extern const VellStringRef kVellHardwareProductID;   // "ProductID"
@@ -304,14 +298,12 @@ VellHardwareDeviceRef VellHardwareDeviceCopyFirstSiblingWithInfo(VellHardwareDev
                                                                  int productID);
 
 // --- Bundle properties
-// ---------------------------------------------------------------------------------------------
 
 VellLibraryRef
 VellLibraryCreate(VellStringRef bundlePath); // null for null; a bundle that is not there has no properties
 VellObjectRef VellLibraryCopyPropertyForKey(VellLibraryRef library, const char* key); // null when missing
 
 // --- Log
-// -----------------------------------------------------------------------------------------------------------
 
 // Lines of the form "YYYY-MM-DD hh:mm:ss.mmm LEVEL [pid:thread] text". Any thread; lines never mix. Texts end
 // with a newline. $VELL_LOG_LEVEL ("runtime", "debug", "info", "warning" or "error") names the lowest level

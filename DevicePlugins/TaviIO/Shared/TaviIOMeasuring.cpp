@@ -28,7 +28,6 @@ struct WorkerRecord {
 } // namespace
 
 // --- Flags
-// ---------------------------------------------------------------------------------------------------------
 
 void TaviIO::setIsCancelled(bool cancelled) {
     const ThreadLock lock(mCancelLock);
@@ -129,7 +128,6 @@ void TaviIO::setTaviIsConnected(bool connected) {
 }
 
 // --- Polling, while something long goes on
-// -------------------------------------------------------------------------
 
 TaviIO::PollingPause::PollingPause(TaviIO& device) : mDevice(device) {
     const ThreadLock lock(mDevice.mPollingLock);
@@ -157,7 +155,6 @@ void TaviIO::forgetPolling() {
 }
 
 // --- The measure command
-// -------------------------------------------------------------------------------------------
 
 void TaviIO::advancedMeasure(const Command& command) {
     VellLogInfo("TaviIODeviceService::advancedMeasure MODE: %s\n", device()->mode());
@@ -268,7 +265,6 @@ void TaviIO::parkHeadWhateverHappens() {
 }
 
 // --- Cancellation
-// --------------------------------------------------------------------------------------------------
 
 void TaviIO::cancel(MutableResponse& response) {
     response.setCode(kMeasureCancelled);
@@ -302,7 +298,6 @@ void TaviIO::_SendResponseOnMainThread(MutableResponse* response) {
 }
 
 // --- The button
-// ----------------------------------------------------------------------------------------------------
 
 void TaviIO::buttonPressed() {
     VellLogInfo("<%p> - %s\n", static_cast<void*>(this), "void TaviIO::buttonPressed()");
@@ -320,7 +315,6 @@ void TaviIO::buttonPressed() {
 }
 
 // --- What a measure command asks for
-// -------------------------------------------------------------------------------
 
 int TaviIO::ScanRequest::numMeasureForSpot() const {
     return std::min(spotMeasureCount, 5);

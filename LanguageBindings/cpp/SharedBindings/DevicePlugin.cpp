@@ -22,7 +22,6 @@ VellStringRef copyOfPath(VellStringRef path) {
 } // namespace
 
 // --- The SDK lock
-// --------------------------------------------------------------------------------------------------
 
 DevicePlugin::SDKLock::SDKLock(DevicePlugin& plugin) : mMutex(plugin.mSDKLock) {
     pthread_mutex_lock(&mMutex);
@@ -39,7 +38,6 @@ bool DevicePlugin::SDKLock::heldByThisThread() {
 }
 
 // --- Construction and destruction
-// ----------------------------------------------------------------------------------
 
 DevicePlugin::DevicePlugin(VellStringRef devicePath, VellStringRef pluginPath)
     : mHardwareManager(VellHardwareManagerCreate()),
@@ -121,7 +119,6 @@ DevicePlugin::~DevicePlugin() {
 }
 
 // --- The parent process
-// --------------------------------------------------------------------------------------------
 
 void* DevicePlugin::_parentDeathThread(void* plugin) {
     if (plugin == nullptr)
@@ -141,7 +138,6 @@ void DevicePlugin::endParentWatch() {
 }
 
 // --- Running
-// -------------------------------------------------------------------------------------------------------
 
 void DevicePlugin::start() {
     VELL_TRACE();
@@ -263,7 +259,6 @@ int DevicePlugin::exitCode() {
 }
 
 // --- Bundle properties
-// ---------------------------------------------------------------------------------------------
 
 void DevicePlugin::property(const char* key, std::string& out) {
     const VellObjectRef value = VellLibraryCopyPropertyForKey(mPluginLibrary, key);
@@ -289,7 +284,6 @@ void DevicePlugin::serviceVersion(std::string& out) {
 }
 
 // --- What a device class may leave as it is
-// ------------------------------------------------------------------------
 
 void DevicePlugin::logIfError(const char* func, int err) {
     VELL_TRACE();

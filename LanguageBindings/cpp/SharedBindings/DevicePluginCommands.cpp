@@ -80,7 +80,6 @@ VellArrayRef argumentsOf(VellDictionaryRef commands, const std::string& name) {
 } // namespace
 
 // --- The command table
-// ---------------------------------------------------------------------------------------------
 
 void DevicePlugin::registerCommand(const std::string& name) {
     VELL_TRACE();
@@ -119,7 +118,6 @@ void DevicePlugin::registerDefaultCommands() {
 }
 
 // --- Dispatch
-// ------------------------------------------------------------------------------------------------------
 
 void DevicePlugin::didReceiveCommand(Command& command) {
     VELL_TRACE();
@@ -276,7 +274,6 @@ bool DevicePlugin::handleMeasure(Command& command, MutableResponse& response) {
 }
 
 // --- Status
-// --------------------------------------------------------------------------------------------------------
 
 void DevicePlugin::announceStatus() {
     VELL_TRACE();
@@ -309,7 +306,6 @@ void DevicePlugin::announceStatusNoRunLoop() {
 }
 
 // --- The client lock
-// -----------------------------------------------------------------------------------------------
 
 bool DevicePlugin::checkLockAndRespondAccordinglyForCommand(const Command& command) {
     VELL_TRACE();

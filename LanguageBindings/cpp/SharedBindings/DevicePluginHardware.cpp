@@ -34,7 +34,6 @@ bool isAtPath(VellHardwareDeviceRef device, VellStringRef path) {
 } // namespace
 
 // --- Registration
-// --------------------------------------------------------------------------------------------------
 
 void DevicePlugin::registerIfNeeded() {
     VELL_TRACE();
@@ -79,7 +78,6 @@ bool DevicePlugin::runningAs64Bit() {
 }
 
 // --- Hardware comes and goes
-// ---------------------------------------------------------------------------------------
 
 void DevicePlugin::__hardwareManagerMatchCallback(VellHardwareManagerRef, VellHardwareDeviceRef device,
                                                   const void* context) {
@@ -223,7 +221,6 @@ void DevicePlugin::fakeHardwareDetach() {
 }
 
 // --- Dying
-// ---------------------------------------------------------------------------------------------------------
 
 bool DevicePlugin::TestAndSetDying() {
     const ThreadLock lock(mDyingLock);
@@ -258,7 +255,6 @@ void DevicePlugin::die_a_QuickDeath() {
 }
 
 // --- Polling
-// -------------------------------------------------------------------------------------------------------
 
 void DevicePlugin::beginPolling() {
     VELL_TRACE();
@@ -300,7 +296,6 @@ void DevicePlugin::_pollingCallback(CFRunLoopTimerRef, void* info) {
 }
 
 // --- The button on the instrument
-// ----------------------------------------------------------------------------------
 
 void DevicePlugin::setAutoCalibrateOnButtonPress(bool on) {
     VELL_TRACE();

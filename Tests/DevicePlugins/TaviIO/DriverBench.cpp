@@ -23,7 +23,6 @@ std::string number(double value) {
 } // namespace
 
 // --- Charts
-// --------------------------------------------------------------------------------------------------------
 
 double ChartOnTable::reflectance(int row, int column) const {
     if (equalNeighbours && row == 1)
@@ -77,7 +76,6 @@ std::map<std::string, std::string> ChartOnTable::measureArguments() const {
 }
 
 // --- Calls
-// ---------------------------------------------------------------------------------------------------------
 
 CallLog::CallLog() {
     TaviSDK::setCallHook([this](const TaviSDK::Call& call) { return note(call); });
@@ -116,7 +114,6 @@ void CallLog::interfere(std::function<std::optional<int>(int, const TaviSDK::Cal
 }
 
 // --- The bench
-// -----------------------------------------------------------------------------------------------------
 
 DriverBench::DriverBench() {
     VellService::resetCenterForTesting();
