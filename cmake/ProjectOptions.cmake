@@ -19,7 +19,6 @@ function(tavi_add_test name)
     cmake_parse_arguments(ARG "" "TIMEOUT;LABEL" "SOURCES;LIBRARIES" ${ARGN})
     add_executable(${name} ${ARG_SOURCES})
     target_link_libraries(${name} PRIVATE project_options ${ARG_LIBRARIES} GTest::gmock GTest::gtest_main)
-    target_precompile_headers(${name} REUSE_FROM test_headers)
     set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
     if(NOT ARG_TIMEOUT)
         set(ARG_TIMEOUT 180) # far more than any takes, under a sanitizer on a loaded machine too

@@ -38,9 +38,8 @@ require_packages() {
 build_preset() {
     preset="$1"
     shift
-    # ccache knows a source by all that it includes, and cannot look into precompiled headers.
     if command -v ccache >/dev/null; then
-        set -- "$@" -DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON
+        set -- "$@" -DCMAKE_CXX_COMPILER_LAUNCHER=ccache
     fi
     cmake --preset "$preset" "$@" >/dev/null
     cmake --build --preset "$preset"
