@@ -171,6 +171,7 @@ protected:
     // Connection
     VellDevice::DevicePluginConnectResult _connect();
     bool _disconnect();
+    void emptyRecord();
     bool tableIsOurs();
     void resetInstrument();
     static void __FPtr_Tavi_MessageHandler(Tavi_DeviceMessage message, const char* text);
@@ -198,7 +199,8 @@ protected:
     void handleGetDevicePosition(VellDevice::MutableResponse& response);
     int readHeadPosition(IOPoint& head);
     void handleGoHome(VellDevice::MutableResponse& response);
-    // The head goes home: hold position off, home, hold position off. Results are not looked at.
+    // The head goes home: hold position off, home, hold position off. Results are not looked at. A call that
+    // breaks off keeps the others from nothing; its exception leaves at the end.
     void parkHead();
     // A copy of an option's text.
     std::string option(const char* key);
@@ -228,8 +230,7 @@ protected:
     static void* _advancedMeasureThreaded(void* record);
     void measureOnWorker(const VellDevice::Command& command);
     void recoverFromException(VellDevice::MutableResponse& response);
-    void trying(void (*call)());
-    void parkHeadWhateverHappens();
+    void trying(const std::function<void()>& call);
     void refuse(const VellDevice::Command& command, VellDevice::Error code, const char* message = nullptr);
     static void cancel(VellDevice::MutableResponse& response);
     bool _checkForCancelledMeasureAdavnced(const VellDevice::Command& command,

@@ -3,6 +3,8 @@
 #include "Numbers.h"
 #include "TaviIO.h"
 
+#include <exception>
+
 using namespace VellDevice;
 
 bool TaviIO::processCommand(const Command& command, MutableResponse& response) {
@@ -105,7 +107,17 @@ void TaviIO::handleGoHome(MutableResponse& response) {
 
 void TaviIO::parkHead() {
     const SDKLock lock(*this);
-    Tavi_SetOption("TaviTHoldPosition", "no");
-    Tavi_GoToHomePosition();
-    Tavi_SetOption("TaviTHoldPosition", "no");
+    std::exception_ptr broken;
+    const auto attempt = [&](auto call) {
+        try {
+            call();
+        } catch (const TaviSDK::Exception&) {
+            broken = std::current_exception();
+        }
+    };
+    attempt([] { Tavi_SetOption("TaviTHoldPosition", "no"); });
+    attempt([] { Tavi_GoToHomePosition(); });
+    attempt([] { Tavi_SetOption("TaviTHoldPosition", "no"); });
+    if (broken)
+        std::rethrow_exception(broken);
 }

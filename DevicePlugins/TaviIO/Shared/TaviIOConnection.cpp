@@ -123,20 +123,28 @@ bool TaviIO::_disconnect() {
         while (isMeasuring() || hasWorkers())
             waitOneSecond();
     }
-    {
-        const SDKLock lock(*this);
-        Tavi_RegisterDeviceMessageHandler(nullptr);
+    try {
+        {
+            const SDKLock lock(*this);
+            Tavi_RegisterDeviceMessageHandler(nullptr);
+        }
+        sleep(1);
+        resetInstrument();
+    } catch (const TaviSDK::Exception&) {
+        emptyRecord(); // the driver lets go all the same
+        throw;
     }
-    sleep(1);
-    resetInstrument();
+    emptyRecord();
+    return true;
+}
 
+void TaviIO::emptyRecord() {
     MutableDevice& record = *device();
     record.setSerialNumber("");
     record.setCalibrationStatus(0);
     record.setSoftwareMeasurementAvailable(false);
     record.clearAttributes();
     record.setModes({});
-    return true;
 }
 
 void TaviIO::__FPtr_Tavi_MessageHandler(Tavi_DeviceMessage message, const char*) {

@@ -224,6 +224,7 @@ void TaviIO::measureOnWorker(const Command& command) {
                 _measureScanThreaded(command);
         } catch (const std::exception& exception) {
             VellLogError("[TaviIO::_advancedMeasureThreaded] - exception: %s\n", exception.what());
+            response = MutableResponse(command); // without what was read of the row
             recoverFromException(response);
             answersHere = true;
         }
@@ -241,27 +242,20 @@ void TaviIO::recoverFromException(MutableResponse& response) {
         return;
     }
     trying([] { Tavi_SetOption("MeasurementMode", "ScanningReflectance"); });
-    parkHeadWhateverHappens();
+    trying([this] { parkHead(); });
     response.setCode(kInstrumentFailure);
     const char* const text = lastErrorWhateverHappens();
     response.setMessage(text != nullptr ? text : "");
 }
 
 // One call of the SDK that nothing depends on, under the SDK lock.
-void TaviIO::trying(void (*call)()) {
+void TaviIO::trying(const std::function<void()>& call) {
     try {
         const SDKLock lock(*this);
         call();
     } catch (const TaviSDK::Exception& exception) {
         VellLogError("[TaviIO] - TaviSDK exception ignored: %s\n", exception.what());
     }
-}
-
-void TaviIO::parkHeadWhateverHappens() {
-    const SDKLock lock(*this);
-    trying([] { Tavi_SetOption("TaviTHoldPosition", "no"); });
-    trying([] { Tavi_GoToHomePosition(); });
-    trying([] { Tavi_SetOption("TaviTHoldPosition", "no"); });
 }
 
 // --- Cancellation
@@ -277,7 +271,7 @@ bool TaviIO::_checkForCancelledMeasureAdavnced(const Command&, MutableResponse& 
         return false;
     VellLogInfo("Cancelling measure...\n");
     if (!leftBehind) // else the head may be somebody else's already
-        parkHeadWhateverHappens();
+        trying([this] { parkHead(); });
     cancel(response);
     return true;
 }
