@@ -210,6 +210,7 @@ protected:
     std::string mLockFileName; // guarded by mRunStateLock
     VellDictionaryRef mDeviceInfo;
     bool mRunLoopRunning = false; // guarded by mRunStateLock
+    ParentWatch mParentWatch;
 
 private:
     static void* _parentDeathThread(void* plugin);
@@ -245,7 +246,6 @@ private:
     std::mutex mRunStateLock;
     bool mExiting = false; // exitDeviceService has begun
 
-    ParentWatch mParentWatch;
     pthread_t mParentThread{};
     bool mParentThreadRuns = false;
 };

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -115,7 +116,13 @@ void CallLog::interfere(std::function<std::optional<int>(int, const TaviSDK::Cal
 
 // --- The bench
 
-DriverBench::DriverBench() {
+DriverBench::DriverBench(const char* logLevel) {
+    setenv("VELL_LOG_LEVEL", logLevel, 1);
+    renew();
+}
+
+void DriverBench::renew() {
+    driver.reset();
     VellService::resetCenterForTesting();
     TaviSDK::powerCycle();
     TaviSDK::Simulation simulation;

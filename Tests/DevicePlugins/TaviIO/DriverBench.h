@@ -27,14 +27,19 @@ constexpr const char* kDevicePath = "IOService:/Virtual/Table@1";
 // Opens the driver's protected parts to tests.
 class BenchDriver : public TaviIO {
 public:
+    using TaviIO::__FPtr_Tavi_MessageHandler;
     using TaviIO::_checkForCancelledMeasure;
     using TaviIO::hasWorkers;
+    using TaviIO::isConnected;
     using TaviIO::isReversed;
     using TaviIO::mHardwareDevice;
     using TaviIO::mRunLoopRunning;
     using TaviIO::setTaviIsConnected;
     using TaviIO::TaviIO;
     using TaviIO::taviIsConnected;
+
+    // The watcher thread looks now, not only when its interval is over.
+    void lookForParent() { mParentWatch.arm(); }
 };
 
 // A chart whose patches all differ, so that strips succeed; `rows` by `columns`, pitches of 10, first patch
@@ -77,9 +82,12 @@ private:
 
 class DriverBench : public ::testing::Test {
 protected:
-    DriverBench();
+    // Logs from `logLevel` on: thousands of measurements need not tell their story.
+    explicit DriverBench(const char* logLevel = "runtime");
     ~DriverBench() override;
 
+    // A plug-in process begins: service, instrument and driver as new. The driver before it is gone.
+    void renew();
     // Starts and connects; with the spectrophotometer on the table or not.
     void connect(bool withSpectrophotometer = true);
     // Connects, calibrates and switches to scanning, so that charts can be measured.
