@@ -124,7 +124,7 @@ void measureRoundTrip(Report& report) {
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
 
     const std::string ticket = "round-trip";
-    const std::string command = commandFrame("GetCommands", ticket);
+    const std::string command = commandFrame("Quit", ticket); // is answered, and nothing else
     std::size_t answered = 0;
     client.send(command);
     client.receiveResponse(ticket, &answered);

@@ -13,8 +13,10 @@ constexpr std::size_t kFirstTableSize = 256; // a power of two
 constexpr std::size_t kTrailerPadding = 6;
 
 void putNumber(std::string& bytes, std::uint64_t value, unsigned size) {
-    for (unsigned i = size; i-- > 0;)
-        bytes += static_cast<char>(value >> (8 * i) & 0xff);
+    char text[8];
+    for (unsigned i = 0; i < size; ++i)
+        text[i] = static_cast<char>(value >> (8 * (size - 1 - i)) & 0xff);
+    bytes.append(text, size);
 }
 
 // The bytes that a count or reference up to `value` takes.
@@ -55,7 +57,12 @@ std::vector<std::uint16_t> utf16(std::string_view text) {
 
 } // namespace
 
-PropertyListWriter::PropertyListWriter() : mTable(kFirstTableSize) {}
+PropertyListWriter::PropertyListWriter() : mTable(kFirstTableSize) {
+    // Room for most messages.
+    mLeaves.reserve(2048);
+    mReferences.reserve(kFirstTableSize);
+    mObjects.reserve(kFirstTableSize);
+}
 
 void PropertyListWriter::putMarker(std::string& bytes, char marker, std::size_t count) const {
     if (count < 15) {
