@@ -18,6 +18,12 @@
 #include <optional>
 #include <thread>
 
+// Under the thread sanitizer every process else sleeps a second before it ends.
+extern "C" const char* __tsan_default_options();
+extern "C" const char* __tsan_default_options() {
+    return "atexit_sleep_ms=0";
+}
+
 namespace test {
 namespace {
 
