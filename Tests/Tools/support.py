@@ -169,6 +169,11 @@ class ToolsTest(unittest.TestCase):
         options = self.environment.get("ASAN_OPTIONS", "")
         self.environment["ASAN_OPTIONS"] = options + ":verify_asan_link_order=0"
 
+    def steering(self, clock_speed):
+        """The environment of a process whose clocks are that many times as fast."""
+        return {"LD_PRELOAD": f"{os.environ['STEERED_TIME']}:{os.environ['FAST_SLEEP']}",
+                "CLOCK_SPEED": str(clock_speed)}
+
     def path(self, name):
         return os.path.join(self.folder, name)
 

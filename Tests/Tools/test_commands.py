@@ -20,7 +20,7 @@ ROOT = os.path.join(os.path.dirname(__file__), "..", "..")
 class CommandsTest(ToolsTest):
     def setUp(self):
         super().setUp()
-        self.start_service()
+        self.start_service(environment=self.steering(clock_speed=5))  # it looks at its instruments more often
         self.chart = Chart(2, 4)
         self.file = self.attach("usb:table", Chart=self.write_chart(self.chart), SerialNumber="S-1")
         self.client = self.connect()

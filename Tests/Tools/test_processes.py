@@ -103,10 +103,6 @@ class ProcessesTest(ToolsTest):
         self.assertEqual(process.returncode, status, error)
         return error
 
-    def steering(self, clock_speed):
-        return {"LD_PRELOAD": f"{os.environ['STEERED_TIME']}:{os.environ['FAST_SLEEP']}",
-                "CLOCK_SPEED": str(clock_speed)}
-
     def lock_files(self, *tables):
         return [path for path in (self.family_lock, *map(lock_of, tables or (self.table,))) if os.path.exists(path)]
 
