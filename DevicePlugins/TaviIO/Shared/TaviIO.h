@@ -199,8 +199,8 @@ protected:
     void handleGetDevicePosition(VellDevice::MutableResponse& response);
     int readHeadPosition(IOPoint& head);
     void handleGoHome(VellDevice::MutableResponse& response);
-    // The head goes home: hold position off, home, hold position off. Results are not looked at. A call that
-    // breaks off keeps the others from nothing; its exception leaves at the end.
+    // The head goes home: hold position off, home, hold position off. Results are not looked at. When a call
+    // throws, the others are made all the same; its exception leaves at the end.
     void parkHead();
     // A copy of an option's text.
     std::string option(const char* key);
