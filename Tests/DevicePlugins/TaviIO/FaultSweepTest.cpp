@@ -267,18 +267,7 @@ TEST_F(FaultSweep, Connect) {
         }
     };
     sweepFaults(
-        Operation{.label = "connect",
-                  .act =
-                      [&] {
-                          driver->startWithoutRunLoop();
-                          passUntil([&] { return driver->mHardwareDevice != nullptr; });
-                          driver->mRunLoopRunning = driver->isConnected();
-                      },
-                  .prepare =
-                      [&] {
-                          renew();
-                          place(chart);
-                      }},
+        connecting(),
         [&](const Hit& hit, const std::vector<Post>&) { expectConnected(codeFor(told, hit) == 0); },
         [&](const Hit& hit, const std::vector<Post>&) {
             // Before the pass the same options are read for the record.

@@ -335,19 +335,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(Interference, ParentDeathWhileConnecting) {
     sweep(
-        Operation{.label = "connect",
-                  .act =
-                      [&] {
-                          driver->startWithoutRunLoop();
-                          passUntil([&] { return driver->mHardwareDevice != nullptr; });
-                          driver->mRunLoopRunning = driver->isConnected();
-                      },
-                  .prepare =
-                      [&] {
-                          renew();
-                          place(chart);
-                      }},
-        "parent death",
+        connecting(), "parent death",
         [&](const Hit&) {
             loseParent();
             return std::nullopt;

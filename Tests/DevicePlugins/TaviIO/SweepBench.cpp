@@ -220,6 +220,21 @@ void SweepBench::startAgainIfEnded() {
     settle();
 }
 
+Operation SweepBench::connecting() {
+    return {.label = "connect",
+            .act =
+                [this] {
+                    driver->startWithoutRunLoop();
+                    passUntil([&] { return driver->mHardwareDevice != nullptr; });
+                    driver->mRunLoopRunning = driver->isConnected();
+                },
+            .prepare =
+                [this] {
+                    renew();
+                    place(chart);
+                }};
+}
+
 void SweepBench::removeHardware() {
     driver->mRunLoopRunning = false; // else the end of the driver is that of the test program
     std::filesystem::remove(scratch.hardware() / "table.plist");

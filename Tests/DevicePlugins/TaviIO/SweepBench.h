@@ -86,6 +86,8 @@ protected:
     void sweep(const Operation& operation, const std::string& what, const Event& event, const Check& check,
                const std::function<void()>& meanwhile = {});
 
+    // A driver as new starts and connects, with the chart on its table.
+    Operation connecting();
     // The service takes the table away; the driver has ended then.
     void removeHardware();
 
