@@ -207,8 +207,8 @@ void* TaviIO::_advancedMeasureThreaded(void* record) {
     tMeasurement = owned->measurement;
     owned->device->measureOnWorker(*owned->command);
     owned->command.reset();
-    owned->device
-        ->workerEnded(); // last: a disconnect waits for it and may be followed by the end of the object
+    // Last: a disconnect waits for it and may be followed by the end of the object.
+    owned->device->workerEnded();
     return nullptr;
 }
 
