@@ -15,14 +15,6 @@
 #include <thread>
 
 namespace tablectl {
-
-CLI::App& addCommand(CLI::App& app, Action& chosen, const std::string& name, const std::string& description,
-                     Action action) {
-    CLI::App* command = app.add_subcommand(name, description)->group("Commands");
-    command->callback([&chosen, action = std::move(action)] { chosen = action; });
-    return *command;
-}
-
 namespace {
 
 void addOptions(CLI::App& app, Options& options, std::string& runtimeFolder) {

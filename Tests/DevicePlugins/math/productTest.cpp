@@ -24,13 +24,13 @@ cMatrixDC plainProduct(const cMatrixDC& a, const cMatrixDC& b) {
     return c;
 }
 
-const long kShapes[][3] = {{1, 1, 1},       {1, 3, 3},     {3, 3, 3},    {5, 1, 7},     {1, 300, 40},
-                           {40, 300, 1},    {20, 20, 20},  {33, 65, 17}, {97, 129, 25}, {128, 128, 128},
-                           {100, 200, 300}, {9, 513, 770}, {4, 70, 800}, {200, 5, 9},   {2, 1000, 1000}};
+const long kProducts[][3] = {{1, 1, 1},       {1, 3, 3},     {3, 3, 3},    {5, 1, 7},     {1, 300, 40},
+                             {40, 300, 1},    {20, 20, 20},  {33, 65, 17}, {97, 129, 25}, {128, 128, 128},
+                             {100, 200, 300}, {9, 513, 770}, {4, 70, 800}, {200, 5, 9},   {2, 1000, 1000}};
 
 TEST(ProductTest, IsTheAscendingSumBitForBit) {
     unsigned seed = 0;
-    for (const auto& [m, k, n] : kShapes) {
+    for (const auto& [m, k, n] : kProducts) {
         const cMatrixDC a = randomMatrix(m, k, ++seed);
         const cMatrixDC b = randomMatrix(k, n, ++seed);
         const cMatrixDC expected = plainProduct(a, b);

@@ -14,10 +14,6 @@ using ::testing::ElementsAre;
 
 namespace {
 
-VellStringRef constant(const char* text) {
-    return VellConstStringCreateWithCString(text);
-}
-
 template <typename T>
 T as(const Owned& owned) {
     return static_cast<T>(owned.get());

@@ -13,10 +13,6 @@ using VellService::validUtf8;
 
 namespace {
 
-VellStringRef constant(const char* text) {
-    return VellConstStringCreateWithCString(text);
-}
-
 Owned decoded(std::string_view bytes) {
     const Owned data(VellDataCreateWithBytes(bytes.data(), static_cast<int>(bytes.size())));
     return Owned(VellCoderCopyRootObjectWithEncodedData(static_cast<VellDataRef>(data.get())));

@@ -6,15 +6,12 @@
 
 #include <string_view>
 
+using VellTest::constant;
 using VellTest::Owned;
 
 namespace {
 
 VellDeviceRef record = nullptr;
-
-VellStringRef constant(const char* text) {
-    return VellConstStringCreateWithCString(text);
-}
 
 // One measurement with one colour of one value.
 Owned measurementSet() {

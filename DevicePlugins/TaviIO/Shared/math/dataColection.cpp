@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr double kNoDistance = 1e+50;
-
 std::unique_ptr<DescriptionStruct> cloneOf(const DescriptionStruct* description) {
     return std::unique_ptr<DescriptionStruct>(description != nullptr ? description->clone() : nullptr);
 }

@@ -7,8 +7,6 @@
 
 namespace {
 
-constexpr double kNoDistance = 1e+50;
-
 void writeLines(const cDataCollectionInt& collection, std::FILE* file) {
     for (long i = 0; i < collection.GetNumItems(); ++i) {
         for (long j = 0; j < collection.GetItemSize(); ++j)

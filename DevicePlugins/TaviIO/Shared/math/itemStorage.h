@@ -7,6 +7,9 @@
 #include <memory>
 #include <new>
 
+// To the nearest item, where there is none.
+inline constexpr double kNoDistance = 1e+50;
+
 // What the collections of doubles and of long integers have in common: a block of equally long items, one
 // after another (element j of item i at i * item size + j), with room for `capacity` items. A storage without
 // room has no block. It is no class to hold on its own; cDataCollection and cDataCollectionInt build on it.

@@ -28,6 +28,10 @@ struct ReleaseObject {
 };
 using Owned = std::unique_ptr<void, ReleaseObject>;
 
+inline VellStringRef constant(const char* text) {
+    return VellConstStringCreateWithCString(text);
+}
+
 // A dictionary of a received message, for reading. Missing keys read as "", 0 or an empty dictionary.
 class Dictionary {
 public:

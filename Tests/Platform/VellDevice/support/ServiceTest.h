@@ -17,7 +17,6 @@ protected:
     ~ServiceTest() override { VellService::resetCenterForTesting(); }
 
     static VellDeviceCenterRef center() { return VellDeviceCenterGetDistributedCenter(); }
-    static VellStringRef constant(const char* text) { return VellConstStringCreateWithCString(text); }
     static void pass() { VellDeviceCenterRunLoopOnce(center()); }
     static std::string textOf(VellStringRef string) { return string ? VellStringGetCString(string) : ""; }
 
