@@ -294,15 +294,20 @@ class KilledTest(ProcessesTest):
                 self.assert_measures(self.client())
                 self.detach()
 
+    def using(self, stage):
+        """A client on the wire, when what it asked for has come to the stage."""
+        client = Client(self.socket())
+        self.addCleanup(client.close)
+        self.use(stage)(client)
+        self.arrive(stage)
+        return client
+
     def test_service(self):
         for name, stage in STAGES.items():
             with self.subTest(name):
                 service = self.start_service(clock_speed=CLOCK_SPEED)
                 self.prepare(stage)
-                client = Client(self.socket())
-                self.addCleanup(client.close)
-                self.use(stage)(client)
-                self.arrive(stage)
+                client = self.using(stage)
                 service.kill()
                 self.wait_for_log("[DevicePlugin::die_a_QuickDeath] - IN")
                 if stage is not WAITING:
@@ -322,10 +327,7 @@ class KilledTest(ProcessesTest):
         stage = STAGES["calibrating"]
         service = self.start_service(clock_speed=CLOCK_SPEED)
         self.prepare(stage)
-        client = Client(self.socket())
-        self.addCleanup(client.close)
-        self.use(stage)(client)
-        self.arrive(stage)
+        client = self.using(stage)
         service.kill()
         service.wait()
         self.start_service(clock_speed=CLOCK_SPEED)
