@@ -83,11 +83,19 @@ def read_measurements(path):
     """The readings of a measurement file, which must be whole."""
     with open(path) as file:
         lines = file.read().splitlines()
-    assert lines[-1] == "END_DATA", lines[-1]
+    assert lines[-1:] == ["END_DATA"], lines[-1:]
     names = lines[lines.index("BEGIN_DATA_FORMAT") + 1].split()
     data = lines[lines.index("BEGIN_DATA") + 1:-1]
     assert ["NUMBER_OF_SETS", str(len(data))] in [line.replace('"', "").split() for line in lines]
     return [dict(zip(names, line.replace('"', "").split())) for line in data]
+
+
+def measurements_so_far(path):
+    """The readings in the file of a running scan; none when it is not there yet or is just being written."""
+    try:
+        return read_measurements(path)
+    except (FileNotFoundError, AssertionError, ValueError):
+        return []
 
 
 def shown_commands(document, beginning):

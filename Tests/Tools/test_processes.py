@@ -14,7 +14,8 @@ import subprocess
 import time
 import unittest
 
-from support import BIN, Chart, Client, ToolsTest, is_running, read_measurements, single, wait_until, BANDS
+from support import (BANDS, BIN, Chart, Client, ToolsTest, is_running, measurements_so_far, read_measurements, single,
+                     wait_until)
 
 CLOCK_SPEED = 100  # where it is fast: the 30 seconds of a client's lock pass in 0.3
 HANG = "hang=3600"  # until the fault is lifted
@@ -257,11 +258,8 @@ class KilledTest(ProcessesTest):
 
     def wait_for_row(self, stage):
         if stage.rows:
-            wait_until(lambda: self.rows_written() == stage.rows, "the rows")
-
-    def rows_written(self):
-        with contextlib.suppress(OSError, AssertionError, ValueError):
-            return len(read_measurements(self.path("out.txt"))) / self.chart.columns
+            readings = stage.rows * self.chart.columns
+            wait_until(lambda: len(measurements_so_far(self.path("out.txt"))) == readings, "the rows")
 
     def test_plugin(self):
         self.start_service("--restart-pause", "0.5", clock_speed=CLOCK_SPEED)
@@ -288,7 +286,7 @@ class KilledTest(ProcessesTest):
                     self.assertEqual(user.returncode, 1)
                     self.assertIn("the device went away", error)
                 if stage.command == "Measure":
-                    self.assertEqual(self.rows_written(), stage.rows)
+                    self.assertEqual(len(read_measurements(self.path("out.txt"))), stage.rows * self.chart.columns)
                 wait_until(lambda: self.plugin_processes()[-1] != victim, "the restart")
                 self.assertIn(f"process {victim} ended, signal 9 (Killed)", self.log_lines("ended")[-1])
                 self.assert_measures(self.client())

@@ -8,7 +8,7 @@ import resource
 import signal
 import unittest
 
-from support import BANDS, Chart, ToolsTest, read_measurements, single, wait_until
+from support import BANDS, Chart, ToolsTest, measurements_so_far, read_measurements, single, wait_until
 
 
 class ScanTest(ToolsTest):
@@ -139,13 +139,9 @@ class InterruptedScanTest(ToolsTest):
         return scan, client
 
     def wait_for_rows(self, count):
-        # A new run of the file's writing may just be under way; the file is whole after each row.
-        def rows():
-            try:
-                return len({reading["ROW"] for reading in read_measurements(self.path("out.txt"))}) >= count
-            except (OSError, AssertionError, ValueError):
-                return False
-        wait_until(rows, "a row")
+        def are_there():
+            return len({reading["ROW"] for reading in measurements_so_far(self.path("out.txt"))}) >= count
+        wait_until(are_there, "a row")
 
     def assert_device_is_free(self, client):
         """The head is home, nobody holds the lock, and the next scan works."""
