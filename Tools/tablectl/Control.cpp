@@ -1,10 +1,9 @@
 // Commands that change something or move the head: one device command each, but for `send` and `lock`.
-#include "Checks.h"
-#include "Context.h"
+#include "Commands.h"
 #include "Errors.h"
 #include "Table.h"
 
-#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdlib>
 
 namespace tablectl {
@@ -15,20 +14,6 @@ void callOne(Context& context, const Command& command) {
     const Table table = Table::find(context);
     const DeviceLock lock(table);
     table.call(command);
-}
-
-void position(Context& context) {
-    const std::string text = Table::find(context).call({"GetDevicePosition", {}}).message;
-    const std::size_t comma = text.find(',');
-    if (comma == std::string::npos)
-        throw DeviceFailure("GetDevicePosition: not a position: " + text);
-    const std::string x = text.substr(0, comma);
-    const std::string y = text.substr(comma + 1);
-    if (context.output.isJson())
-        context.output.object(
-            Json().add("x", std::strtod(x.c_str(), nullptr)).add("y", std::strtod(y.c_str(), nullptr)));
-    else
-        context.output.line(x + " " + y);
 }
 
 std::string colorText(const ColorValues& color) {
@@ -107,6 +92,53 @@ Command commandOf(const std::string& name, const std::vector<std::string>& argum
     return command;
 }
 
+} // namespace
+
+namespace commands {
+
+void set(Context& context, const std::string& key, const std::string& value) {
+    callOne(context, {"SetAttribute", {{"key", key}, {"value", value}}});
+}
+
+void mode(Context& context, const std::string& name) {
+    callOne(context, {"SetMode", {{"Mode", name}}});
+}
+
+void calibrate(Context& context) {
+    callOne(context, {"Calibrate", {}});
+}
+
+void move(Context& context, const std::string& x, const std::string& y) {
+    callOne(context, {"SetDevicePosition", {{"x", x}, {"y", y}}});
+}
+
+void position(Context& context) {
+    const std::string text = Table::find(context).call({"GetDevicePosition", {}}).message;
+    const std::size_t comma = text.find(',');
+    if (comma == std::string::npos)
+        throw DeviceFailure("GetDevicePosition: not a position: " + text);
+    const std::string x = text.substr(0, comma);
+    const std::string y = text.substr(comma + 1);
+    if (context.output.isJson())
+        context.output.object(
+            Json().add("x", std::strtod(x.c_str(), nullptr)).add("y", std::strtod(y.c_str(), nullptr)));
+    else
+        context.output.line(x + " " + y);
+}
+
+void home(Context& context) {
+    callOne(context, {"GoHome", {}});
+}
+
+// Neither of these two waits for a lock: both are what is left when something hangs.
+void cancel(Context& context) {
+    Table::find(context).call({"CancelMeasure", {}});
+}
+
+void reset(Context& context) {
+    Table::find(context).call({"__RESET__", {}});
+}
+
 // The command as it is, without a lock and without a second try.
 void send(Context& context, const std::string& name, const std::vector<std::string>& arguments) {
     const Command command = commandOf(name, arguments);
@@ -119,72 +151,12 @@ void send(Context& context, const std::string& name, const std::vector<std::stri
     }
 }
 
-void holdLock(Context& context, double seconds) {
+void lock(Context& context, double seconds) {
     const Table table = Table::find(context);
     const DeviceLock lock(table);
     context.session.sleep(Session::Seconds(seconds));
 }
 
-} // namespace
-
-void addControlCommands(CLI::App& app, Action& chosen) {
-    static std::string key;
-    static std::string value;
-    CLI::App& set = addCommand(app, chosen, "set", "Sets an option of the instrument", [](Context& context) {
-        callOne(context, {"SetAttribute", {{"key", key}, {"value", value}}});
-    });
-    set.add_option("KEY", key, "The option, or LowResolutionScan")->type_name("")->required();
-    set.add_option("VALUE", value, "Its new value")->type_name("")->required();
-
-    static std::string mode;
-    addCommand(app, chosen, "mode", "Sets the measurement mode",
-               [](Context& context) {
-                   callOne(context, {"SetMode", {{"Mode", mode}}});
-               })
-        .add_option("NAME", mode, "ScanningReflectance or SingleReflectance")
-        ->type_name("")
-        ->required();
-
-    addCommand(app, chosen, "calibrate", "Calibrates on the white tile", [](Context& context) {
-        callOne(context, {"Calibrate", {}});
-    });
-
-    static std::string x;
-    static std::string y;
-    CLI::App& move = addCommand(app, chosen, "move", "Moves the head", [](Context& context) {
-        callOne(context, {"SetDevicePosition", {{"x", x}, {"y", y}}});
-    });
-    move.add_option("X", x, "Table coordinates")->type_name("")->required()->check(isNumber());
-    move.add_option("Y", y)->type_name("")->required()->check(isNumber());
-
-    addCommand(app, chosen, "position", "Prints where the head is", position);
-    addCommand(app, chosen, "home", "Sends the head home", [](Context& context) {
-        callOne(context, {"GoHome", {}});
-    });
-    // Neither waits for a lock: both are what is left when something hangs.
-    addCommand(app, chosen, "cancel", "Cancels the running measurement", [](Context& context) {
-        Table::find(context).call({"CancelMeasure", {}});
-    });
-    addCommand(app, chosen, "reset", "Ends whatever the device does and sends the head home",
-               [](Context& context) {
-                   Table::find(context).call({"__RESET__", {}});
-               });
-
-    static std::string name;
-    static std::vector<std::string> arguments;
-    CLI::App& sendCommand =
-        addCommand(app, chosen, "send", "Sends any command and shows what the device answers",
-                   [](Context& context) { send(context, name, arguments); });
-    sendCommand.add_option("COMMAND", name, "Its name, as `commands` lists it")->type_name("")->required();
-    sendCommand.add_option("KEY=VALUE", arguments, "Its arguments")->type_name("");
-
-    static double seconds = 0;
-    addCommand(app, chosen, "lock", "Holds the device lock for a while",
-               [](Context& context) { holdLock(context, seconds); })
-        .add_option("SECONDS", seconds, "For how long")
-        ->type_name("")
-        ->required()
-        ->check(isNotNegative());
-}
+} // namespace commands
 
 } // namespace tablectl

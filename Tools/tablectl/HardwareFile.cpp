@@ -147,4 +147,15 @@ void HardwareFile::save() const {
     }
 }
 
+void setTimeScale(const std::string& devicePath, double timeScale) {
+    for (HardwareFile& file : HardwareFile::all()) {
+        if (file.devicePath() == devicePath) {
+            file.set("TimeScale", timeScale);
+            file.save();
+            return;
+        }
+    }
+    throw DeviceFailure("--time-scale: " + devicePath + " is no virtual instrument");
+}
+
 } // namespace tablectl

@@ -41,4 +41,7 @@ private:
     tools::Ref<VellDictionaryRef> mRoot;
 };
 
+// Sets the time scale of the virtual instrument with this device path; throws DeviceFailure when it is none.
+void setTimeScale(const std::string& devicePath, double timeScale);
+
 } // namespace tablectl

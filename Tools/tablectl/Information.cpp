@@ -1,11 +1,10 @@
 // Commands that only look: list, status, commands, get.
-#include "Context.h"
+#include "Commands.h"
 #include "Errors.h"
 #include "Records.h"
 #include "Table.h"
 #include "Terminal.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
@@ -24,23 +23,6 @@ Json tableJson(const TextTable& table) {
 Json statusJson(const DeviceStatus& status) {
     Json json = tableJson(status.fields());
     return json.addRaw("Attributes", tableJson(status.attributes).text());
-}
-
-void list(Context& context) {
-    const std::vector<DeviceStatus> devices = discover(context);
-    if (devices.empty())
-        std::fprintf(stderr, "tablectl: %s\n", noDeviceText().c_str());
-    for (const DeviceStatus& status : devices) {
-        if (context.output.isJson()) {
-            context.output.object(tableJson(status.fields()));
-            continue;
-        }
-        const std::string lock = status.lockHolder.empty() ? "" : ", locked by " + status.lockHolder;
-        context.output.line(status.path + "  " + status.displayName + "  " +
-                            (status.serialNumber.empty() ? "no spectrophotometer"
-                                                         : status.serialNumber + "  " + status.mode) +
-                            "  " + calibrationText(status.calibrationStatus) + lock);
-    }
 }
 
 // Values stand below each other, unless that leaves too little of a narrow terminal for them.
@@ -89,6 +71,39 @@ void watchStatus(Context& context, const Table& table) {
     }
 }
 
+// An attribute of the record or, when there is none of that name, a field.
+std::string valueIn(const DeviceStatus& status, const std::string& key) {
+    const TextTable fields = status.fields();
+    for (const TextTable* table : {&status.attributes, &fields}) {
+        for (const auto& [name, value] : *table) {
+            if (name == key)
+                return value;
+        }
+    }
+    throw DeviceFailure("no such attribute: " + key);
+}
+
+} // namespace
+
+namespace commands {
+
+void list(Context& context) {
+    const std::vector<DeviceStatus> devices = discover(context);
+    if (devices.empty())
+        std::fprintf(stderr, "tablectl: %s\n", noDeviceText().c_str());
+    for (const DeviceStatus& status : devices) {
+        if (context.output.isJson()) {
+            context.output.object(tableJson(status.fields()));
+            continue;
+        }
+        const std::string lock = status.lockHolder.empty() ? "" : ", locked by " + status.lockHolder;
+        context.output.line(status.path + "  " + status.displayName + "  " +
+                            (status.serialNumber.empty() ? "no spectrophotometer"
+                                                         : status.serialNumber + "  " + status.mode) +
+                            "  " + calibrationText(status.calibrationStatus) + lock);
+    }
+}
+
 void status(Context& context, bool watch) {
     const Table table = Table::find(context);
     if (watch)
@@ -112,18 +127,6 @@ void commands(Context& context) {
     }
 }
 
-// An attribute of the record or, when there is none of that name, a field.
-std::string valueIn(const DeviceStatus& status, const std::string& key) {
-    const TextTable fields = status.fields();
-    for (const TextTable* table : {&status.attributes, &fields}) {
-        for (const auto& [name, value] : *table) {
-            if (name == key)
-                return value;
-        }
-    }
-    throw DeviceFailure("no such attribute: " + key);
-}
-
 // One value by itself, for scripts; several with their keys.
 void get(Context& context, const std::vector<std::string>& keys) {
     const DeviceStatus status = Table::find(context).refreshedStatus();
@@ -138,24 +141,6 @@ void get(Context& context, const std::vector<std::string>& keys) {
         context.output.line(keys.size() == 1 ? value : key + "=" + value);
 }
 
-} // namespace
-
-void addInformationCommands(CLI::App& app, Action& chosen) {
-    addCommand(app, chosen, "list", "Lists the devices that are there", list);
-
-    static bool watch = false;
-    addCommand(app, chosen, "status", "Shows the device's record", [](Context& context) {
-        status(context, watch);
-    }).add_flag("--watch", watch, "Go on showing it as it changes");
-
-    addCommand(app, chosen, "commands", "Lists the commands that the device takes", commands);
-
-    static std::vector<std::string> keys;
-    addCommand(app, chosen, "get", "Prints attributes of the record",
-               [](Context& context) { get(context, keys); })
-        .add_option("KEY", keys, "Names of attributes or fields, as `status` shows them")
-        ->type_name("")
-        ->required();
-}
+} // namespace commands
 
 } // namespace tablectl

@@ -1,7 +1,7 @@
 #include "Scan.h"
 
-#include "Checks.h"
 #include "Errors.h"
+#include "HardwareFile.h"
 #include "Report.h"
 
 #include <VellDevice/RuntimeFolder.h>
@@ -9,7 +9,6 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -76,13 +75,14 @@ void MeasurementSink::copyTo(Output& output) const {
     output.write(std::string(std::istreambuf_iterator<char>(stream), {}));
 }
 
-Scan::Scan(Context& context, const Table& table, const ScanRequest& request, const Color::ChartLayout& layout)
+Scan::Scan(Context& context, const Table& table, const ScanRequest& request, const Color::ChartLayout& layout,
+           std::pair<int, int> rows)
     : mContext(context),
       mTable(table),
       mRequest(request),
       mLayout(layout),
-      mFirstRow(request.rows ? request.rows->first : 0),
-      mLastRow(request.rows ? request.rows->second : layout.rows - 1),
+      mFirstRow(rows.first),
+      mLastRow(rows.second),
       mProgress(context.output, mLastRow - mFirstRow + 1, patchesInRows(layout, mFirstRow, mLastRow)),
       mLog(std::filesystem::path(VellService::logFolderPath()) / table.status().attribute("DeviceLogName")) {}
 
@@ -135,7 +135,7 @@ void Scan::setLowResolution(bool on) {
 
 void Scan::measure() {
     mProgress.begin();
-    if (mRequest.rows) {
+    if (!mRequest.rows.empty()) {
         for (int row = mFirstRow; row <= mLastRow; ++row)
             take(firstReply(measureCommand(mLayout, {row, mRequest.spotReadings}), 1));
         // The device parks the head by itself only after the chart's last row.
@@ -229,6 +229,8 @@ void Scan::finish() {
 namespace {
 
 std::pair<int, int> rowRange(const std::string& text, const Color::ChartLayout& layout) {
+    if (text.empty())
+        return {0, layout.rows - 1};
     int first = 0;
     int last = 0;
     char rest = 0;
@@ -242,43 +244,18 @@ std::pair<int, int> rowRange(const std::string& text, const Color::ChartLayout& 
     return {first, last};
 }
 
-void scan(Context& context, ScanRequest& request, const std::string& rows) {
+} // namespace
+
+void commands::scan(Context& context, const ScanRequest& request) {
     const Color::ChartLayout layout = readLayout(request.layoutFile);
-    if (!rows.empty())
-        request.rows = rowRange(rows, layout);
+    const std::pair<int, int> rows = rowRange(request.rows, layout);
     if (!request.reportFile.empty())
         checkReportFile(request.reportFile);
     const Table table = Table::find(context);
     if (context.options.timeScale && !context.simulation)
         setTimeScale(table.path(), *context.options.timeScale);
     const DeviceLock lock(table);
-    Scan(context, table, request, layout).run();
-}
-
-} // namespace
-
-void addScanCommand(CLI::App& app, Action& chosen, Options& options) {
-    static ScanRequest request;
-    static std::string rows;
-    CLI::App& command = addCommand(app, chosen, "scan", "Measures a chart",
-                                   [](Context& context) { scan(context, request, rows); });
-    command.add_option("LAYOUT", request.layoutFile, "The chart's layout file")->type_name("")->required();
-    command.add_option("--output", request.outputFile, "Measurement file (default: standard output)")
-        ->type_name("FILE");
-    command.add_option("--report", request.reportFile, "A page that shows measured beside reference")
-        ->type_name("FILE");
-    command.add_option("--rows", rows, "Only rows A-B, counted from 0, one by one")->type_name("A-B");
-    command
-        .add_option("--spot", request.spotReadings,
-                    "Read each patch N times at spots (5 at most) instead of strips")
-        ->type_name("N")
-        ->check(isCount());
-    command.add_flag("--low-resolution", request.lowResolution, "Recognise patches that differ clearly only");
-    command
-        .add_option("--time-scale", options.timeScale,
-                    "Of the virtual instrument: 1 as the real table, 0 at once")
-        ->type_name("F")
-        ->check(isNotNegative());
+    Scan(context, table, request, layout, rows).run();
 }
 
 } // namespace tablectl

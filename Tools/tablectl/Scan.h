@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Chart.h"
+#include "Commands.h"
 #include "PluginLog.h"
 #include "Progress.h"
 #include "Table.h"
@@ -15,15 +16,6 @@
 #include <vector>
 
 namespace tablectl {
-
-struct ScanRequest {
-    std::string layoutFile;
-    std::string outputFile;                  // "": to standard output, when the scan is over
-    std::string reportFile;                  // "": none
-    std::optional<std::pair<int, int>> rows; // first and last; else the whole chart
-    std::optional<int> spotReadings;
-    bool lowResolution = false;
-};
 
 // The file that takes a scan's readings: the one the user named, or one of its own that is copied to standard
 // output at the end.
@@ -48,7 +40,9 @@ private:
 // whichever way the scan ends. The caller holds the device lock.
 class Scan {
 public:
-    Scan(Context& context, const Table& table, const ScanRequest& request, const Color::ChartLayout& layout);
+    // `rows`: the first and the last.
+    Scan(Context& context, const Table& table, const ScanRequest& request, const Color::ChartLayout& layout,
+         std::pair<int, int> rows);
 
     void run();
 

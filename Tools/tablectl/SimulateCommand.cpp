@@ -1,13 +1,11 @@
 // The settings of the virtual instrument, and attaching and detaching one.
 #include "Chart.h"
-#include "Checks.h"
-#include "Context.h"
+#include "Commands.h"
 #include "Errors.h"
 #include "HardwareFile.h"
 
 #include <VellDevice/RuntimeFolder.h>
 
-#include <CLI/CLI.hpp>
 #include <cctype>
 #include <optional>
 #include <system_error>
@@ -15,20 +13,6 @@
 namespace tablectl {
 
 namespace {
-
-struct Changes {
-    std::string attach;
-    bool detach = false;
-    bool press = false;
-    std::optional<std::string> serial;
-    std::optional<std::string> identifier;
-    std::optional<std::string> chart;
-    std::optional<std::string> fault;
-    std::optional<double> timeScale;
-    std::optional<double> noise;
-    std::optional<bool> table;
-    std::optional<bool> spectrophotometer;
-};
 
 // A file name for a device path.
 std::filesystem::path fileFor(const std::string& devicePath) {
@@ -72,7 +56,7 @@ long presses(const HardwareFile& file) {
         VellNumberGetIntegerValue(static_cast<VellNumberRef>(VellCheckedCast(value, "VellNumberRef"))));
 }
 
-void apply(const Changes& changes, HardwareFile& file) {
+void apply(const SimulationChanges& changes, HardwareFile& file) {
     if (changes.serial)
         file.set("SerialNumber", *changes.serial);
     if (changes.identifier)
@@ -118,7 +102,9 @@ void detach(const HardwareFile& file) {
         throw DeviceFailure("cannot remove " + file.file().string() + ": " + error.message());
 }
 
-void simulate(Context& context, const Changes& changes) {
+} // namespace
+
+void commands::simulate(Context& context, const SimulationChanges& changes) {
     if (changes.chart && !changes.chart->empty())
         readLayout(*changes.chart); // an unreadable one is reported here, not in the plug-in's log
     HardwareFile file = changes.attach.empty() ? chosenFile(context) : attached(changes.attach);
@@ -129,52 +115,6 @@ void simulate(Context& context, const Changes& changes) {
     apply(changes, file);
     file.save();
     show(context.output, file);
-}
-
-} // namespace
-
-void setTimeScale(const std::string& devicePath, double timeScale) {
-    for (HardwareFile& file : HardwareFile::all()) {
-        if (file.devicePath() == devicePath) {
-            file.set("TimeScale", timeScale);
-            file.save();
-            return;
-        }
-    }
-    throw DeviceFailure("--time-scale: " + devicePath + " is no virtual instrument");
-}
-
-void addSimulateCommand(CLI::App& app, Action& chosen) {
-    static Changes changes;
-    CLI::App& command =
-        addCommand(app, chosen, "simulate", "Changes the virtual instrument, and shows its settings",
-                   [](Context& context) { simulate(context, changes); });
-    CLI::Option* attach =
-        command.add_option("--attach", changes.attach, "Attach a new table with this device path")
-            ->type_name("PATH");
-    command.add_flag("--detach", changes.detach, "Detach the table")->excludes(attach);
-    command.add_option("--serial", changes.serial, "Serial number of the table")->type_name("TEXT");
-    command.add_option("--identifier", changes.identifier, "What the table calls itself (default: its path)")
-        ->type_name("TEXT");
-    command.add_option("--chart", changes.chart, "Layout of the chart on the table; \"\" for bare paper")
-        ->type_name("FILE");
-    command.add_option("--time-scale", changes.timeScale, "1: as slow as the real table, 0: at once")
-        ->type_name("F")
-        ->check(isNotNegative());
-    command.add_option("--noise", changes.noise, "Standard deviation of spectral values")
-        ->type_name("F")
-        ->check(isNotNegative());
-    command
-        .add_option("--fault", changes.fault,
-                    "CALL:N:STATUS, CALL:N:throw, CALL:N:hang=SECONDS; \"\" for none")
-        ->type_name("FAULT");
-    command.add_option("--table", changes.table, "off: no table answers")
-        ->type_name("on|off")
-        ->check(isOnOrOff());
-    command.add_option("--spectrophotometer", changes.spectrophotometer, "off: it is lifted off the table")
-        ->type_name("on|off")
-        ->check(isOnOrOff());
-    command.add_flag("--press", changes.press, "Press the button once");
 }
 
 } // namespace tablectl

@@ -1,0 +1,248 @@
+// The grammar of the command line: the only file that knows the parser's library, which takes long to
+// compile.
+#include "CommandLine.h"
+
+#include "Commands.h"
+
+#include <CLI/CLI.hpp>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+namespace tablectl {
+
+namespace {
+
+// The whole text as a number; NaN when it is none.
+double numberIn(const std::string& text) {
+    char* end = nullptr;
+    const double number = std::strtod(text.c_str(), &end);
+    return !text.empty() && *end == '\0' ? number : std::nan("");
+}
+
+// A check of an option's value that says in words what is wrong with it.
+CLI::Validator makeCheck(bool (*isRight)(const std::string&), const std::string& problem) {
+    return {[=](const std::string& text) { return isRight(text) ? std::string() : problem + ": " + text; },
+            ""};
+}
+
+const CLI::Validator kNumber =
+    makeCheck([](const std::string& text) { return !std::isnan(numberIn(text)); }, "not a number");
+
+const CLI::Validator kNotNegative =
+    makeCheck([](const std::string& text) { return std::isfinite(numberIn(text)) && numberIn(text) >= 0; },
+              "not a number of 0 or more");
+
+const CLI::Validator kCount = makeCheck(
+    [](const std::string& text) {
+        const double number = numberIn(text);
+        return number >= 1 && number <= 1e6 && number == std::floor(number);
+    },
+    "not a whole number above 0");
+
+const CLI::Validator kOnOrOff =
+    makeCheck([](const std::string& text) { return text == "on" || text == "off"; }, "neither on nor off");
+
+// The parser, and where it puts what it finds. What a command line gives for a command lives as long as the
+// command, which holds it.
+class Grammar {
+public:
+    explicit Grammar(CommandLine& line) : mLine(line) {
+        mApp.set_version_flag("--version", "tablectl " TOOLS_VERSION);
+        mApp.require_subcommand(1);
+        mApp.fallthrough();
+        mApp.get_formatter()->column_width(34);
+        mApp.get_formatter()->label("SUBCOMMAND", "COMMAND");
+        addOptions();
+        addInformation();
+        addControl();
+        addScan();
+        addSimulate();
+    }
+
+    CLI::App& app() { return mApp; }
+
+private:
+    template <class Action>
+    CLI::App& add(const std::string& name, const std::string& description, Action action) {
+        CLI::App* command = mApp.add_subcommand(name, description)->group("Commands");
+        command->callback([this, action] { mLine.command = action; });
+        return *command;
+    }
+
+    void addOptions();
+    void addInformation();
+    void addControl();
+    void addScan();
+    void addSimulate();
+
+    CommandLine& mLine;
+    CLI::App mApp{
+        "Drives a scanning table with a spectrophotometer.\n"
+        "Exit status: 0 done, 1 the device refused or failed, 2 usage or an unreadable layout, 3 no such "
+        "device,\n128 + N ended by signal N.",
+        "tablectl"};
+};
+
+void Grammar::addOptions() {
+    Options& options = mLine.options;
+    mApp.add_option("--runtime-dir", mLine.runtimeFolder, "Where the plug-ins' sockets are")
+        ->type_name("DIR")
+        ->envname("VELL_RUNTIME_DIR");
+    mApp.add_option("--device", options.device, "Path, name or serial number, when there are several")
+        ->type_name("NAME");
+    mApp.add_flag("--json", options.json, "One JSON object per line on standard output");
+    mApp.add_option("--simulated", options.simulated, "Use a virtual table of its own, with this chart on it")
+        ->type_name("LAYOUT");
+    mApp.add_option("--noise", options.noise, "Of the --simulated table's readings (standard deviation)")
+        ->type_name("F")
+        ->check(kNotNegative);
+}
+
+void Grammar::addInformation() {
+    add("list", "Lists the devices that are there", commands::list);
+
+    const auto watch = std::make_shared<bool>(false);
+    add("status", "Shows the device's record", [watch](Context& context) {
+        commands::status(context, *watch);
+    }).add_flag("--watch", *watch, "Go on showing it as it changes");
+
+    add("commands", "Lists the commands that the device takes", commands::commands);
+
+    const auto keys = std::make_shared<std::vector<std::string>>();
+    add("get", "Prints attributes of the record", [keys](Context& context) { commands::get(context, *keys); })
+        .add_option("KEY", *keys, "Names of attributes or fields, as `status` shows them")
+        ->type_name("")
+        ->required();
+}
+
+void Grammar::addControl() {
+    using Pair = std::pair<std::string, std::string>;
+
+    const auto option = std::make_shared<Pair>();
+    CLI::App& set = add("set", "Sets an option of the instrument", [option](Context& context) {
+        commands::set(context, option->first, option->second);
+    });
+    set.add_option("KEY", option->first, "The option, or LowResolutionScan")->type_name("")->required();
+    set.add_option("VALUE", option->second, "Its new value")->type_name("")->required();
+
+    const auto mode = std::make_shared<std::string>();
+    add("mode", "Sets the measurement mode", [mode](Context& context) { commands::mode(context, *mode); })
+        .add_option("NAME", *mode, "ScanningReflectance or SingleReflectance")
+        ->type_name("")
+        ->required();
+
+    add("calibrate", "Calibrates on the white tile", commands::calibrate);
+
+    const auto place = std::make_shared<Pair>();
+    CLI::App& move = add("move", "Moves the head",
+                         [place](Context& context) { commands::move(context, place->first, place->second); });
+    move.add_option("X", place->first, "Table coordinates")->type_name("")->required()->check(kNumber);
+    move.add_option("Y", place->second)->type_name("")->required()->check(kNumber);
+
+    add("position", "Prints where the head is", commands::position);
+    add("home", "Sends the head home", commands::home);
+    add("cancel", "Cancels the running measurement", commands::cancel);
+    add("reset", "Ends whatever the device does and sends the head home", commands::reset);
+
+    const auto name = std::make_shared<std::string>();
+    const auto arguments = std::make_shared<std::vector<std::string>>();
+    CLI::App& send = add("send", "Sends any command and shows what the device answers",
+                         [name, arguments](Context& context) { commands::send(context, *name, *arguments); });
+    send.add_option("COMMAND", *name, "Its name, as `commands` lists it")->type_name("")->required();
+    send.add_option("KEY=VALUE", *arguments, "Its arguments")->type_name("");
+
+    const auto seconds = std::make_shared<double>();
+    add("lock", "Holds the device lock for a while",
+        [seconds](Context& context) { commands::lock(context, *seconds); })
+        .add_option("SECONDS", *seconds, "For how long")
+        ->type_name("")
+        ->required()
+        ->check(kNotNegative);
+}
+
+void Grammar::addScan() {
+    const auto request = std::make_shared<ScanRequest>();
+    CLI::App& scan =
+        add("scan", "Measures a chart", [request](Context& context) { commands::scan(context, *request); });
+    scan.add_option("LAYOUT", request->layoutFile, "The chart's layout file")->type_name("")->required();
+    scan.add_option("--output", request->outputFile, "Measurement file (default: standard output)")
+        ->type_name("FILE");
+    scan.add_option("--report", request->reportFile, "A page that shows measured beside reference")
+        ->type_name("FILE");
+    scan.add_option("--rows", request->rows, "Only rows A-B, counted from 0, one by one")->type_name("A-B");
+    scan.add_option("--spot", request->spotReadings,
+                    "Read each patch N times at spots (5 at most) instead of strips")
+        ->type_name("N")
+        ->check(kCount);
+    scan.add_flag("--low-resolution", request->lowResolution, "Recognise patches that differ clearly only");
+    scan.add_option("--time-scale", mLine.options.timeScale,
+                    "Of the virtual instrument: 1 as the real table, 0 at once")
+        ->type_name("F")
+        ->check(kNotNegative);
+}
+
+void Grammar::addSimulate() {
+    const auto changes = std::make_shared<SimulationChanges>();
+    CLI::App& simulate = add("simulate", "Changes the virtual instrument, and shows its settings",
+                             [changes](Context& context) { commands::simulate(context, *changes); });
+    CLI::Option* attach =
+        simulate.add_option("--attach", changes->attach, "Attach a new table with this device path")
+            ->type_name("PATH");
+    simulate.add_flag("--detach", changes->detach, "Detach the table")->excludes(attach);
+    simulate.add_option("--serial", changes->serial, "Serial number of the table")->type_name("TEXT");
+    simulate
+        .add_option("--identifier", changes->identifier, "What the table calls itself (default: its path)")
+        ->type_name("TEXT");
+    simulate.add_option("--chart", changes->chart, "Layout of the chart on the table; \"\" for bare paper")
+        ->type_name("FILE");
+    simulate.add_option("--time-scale", changes->timeScale, "1: as slow as the real table, 0: at once")
+        ->type_name("F")
+        ->check(kNotNegative);
+    simulate.add_option("--noise", changes->noise, "Standard deviation of spectral values")
+        ->type_name("F")
+        ->check(kNotNegative);
+    simulate
+        .add_option("--fault", changes->fault,
+                    "CALL:N:STATUS, CALL:N:throw, CALL:N:hang=SECONDS; \"\" for none")
+        ->type_name("FAULT");
+    simulate.add_option("--table", changes->table, "off: no table answers")
+        ->type_name("on|off")
+        ->check(kOnOrOff);
+    simulate.add_option("--spectrophotometer", changes->spectrophotometer, "off: it is lifted off the table")
+        ->type_name("on|off")
+        ->check(kOnOrOff);
+    simulate.add_flag("--press", changes->press, "Press the button once");
+}
+
+// Shows the help that was asked for, or says what is wrong with the command line. The exit status.
+int explain(const CLI::App& app, const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0)
+        return app.exit(error);
+    const auto commands = app.get_subcommands();
+    const auto unknown = app.remaining();
+    std::string problem = error.what();
+    if (commands.empty() && unknown.empty())
+        problem = "name a command";
+    else if (commands.empty())
+        problem = std::string("no such ") + (unknown.front().starts_with("-") ? "option: " : "command: ") +
+                  unknown.front();
+    const std::string command = commands.empty() ? "" : " " + commands.front()->get_name();
+    std::fprintf(stderr, "tablectl: %s\nSee tablectl%s --help.\n", problem.c_str(), command.c_str());
+    return 2;
+}
+
+} // namespace
+
+std::optional<int> readCommandLine(int argc, const char* const* argv, CommandLine& line) {
+    Grammar grammar(line);
+    try {
+        grammar.app().parse(argc, argv);
+        return std::nullopt;
+    } catch (const CLI::ParseError& error) {
+        return explain(grammar.app(), error);
+    }
+}
+
+} // namespace tablectl

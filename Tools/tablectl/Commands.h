@@ -1,0 +1,63 @@
+// What each command does, named as on the command line. Each runs on the command's thread, and ends by
+// returning or with a Failure.
+#pragma once
+
+#include "Context.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tablectl {
+
+struct ScanRequest {
+    std::string layoutFile;
+    std::string outputFile; // "": to standard output, when the scan is over
+    std::string reportFile; // "": none
+    std::string rows;       // A-B or A, the first and last; "": the whole chart
+    std::optional<int> spotReadings;
+    bool lowResolution = false;
+};
+
+// What is to change of a virtual instrument.
+struct SimulationChanges {
+    std::string attach; // the path of a new table; "": an attached one is changed
+    bool detach = false;
+    bool press = false;
+    std::optional<std::string> serial;
+    std::optional<std::string> identifier;
+    std::optional<std::string> chart; // "" for bare paper
+    std::optional<std::string> fault; // "" for none
+    std::optional<double> timeScale;
+    std::optional<double> noise;
+    std::optional<bool> table;
+    std::optional<bool> spectrophotometer;
+};
+
+namespace commands {
+
+// Information.cpp: those that only look.
+void list(Context& context);
+void status(Context& context, bool watch);
+void commands(Context& context);
+void get(Context& context, const std::vector<std::string>& keys);
+
+// Control.cpp: those that change something or move the head.
+void set(Context& context, const std::string& key, const std::string& value);
+void mode(Context& context, const std::string& name);
+void calibrate(Context& context);
+void move(Context& context, const std::string& x, const std::string& y);
+void position(Context& context);
+void home(Context& context);
+void cancel(Context& context);
+void reset(Context& context);
+void send(Context& context, const std::string& name, const std::vector<std::string>& arguments);
+void lock(Context& context, double seconds);
+
+// Scan.cpp and SimulateCommand.cpp
+void scan(Context& context, const ScanRequest& request);
+void simulate(Context& context, const SimulationChanges& changes);
+
+} // namespace commands
+
+} // namespace tablectl
