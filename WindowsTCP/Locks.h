@@ -3,8 +3,8 @@
 
 #include <pthread.h>
 
-// Holds a mutex for the life of a block. Every mutex of the system is recursive and made by
-// InitializeMechanism, so a thread that holds one may take it again.
+// Holds a mutex for the life of a block. The mutexes for it are recursive and made by InitializeMechanism, so
+// a thread that holds one may take it again.
 class ThreadLock {
 public:
     explicit ThreadLock(pthread_mutex_t& mutex);

@@ -59,6 +59,7 @@ void __VellDeviceCenter::run() {
         Retired::shared().freeAll();
         mLoop->pass(__CFRunLoop::Wait::forWork, [this] { return !mStopRequested; });
     }
+    mServer->close(); // it may have been opened after the stop
     mStopRequested = false;
 }
 

@@ -93,7 +93,9 @@ void FrameChannel::deliverNext() {
         end();
         return;
     }
-    if (mReader.hasFrame() || mReader.isMalformed())
+    if (!mHandlers.frame)
+        mDelivering = false; // closed: nobody wants the rest
+    else if (mReader.hasFrame() || mReader.isMalformed())
         enqueueDelivery();
     else if (mAtEnd)
         end();

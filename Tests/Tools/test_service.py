@@ -159,6 +159,7 @@ class HostTest(ToolsTest):
 
     def test_without_a_run_loop_the_entry_returns(self):
         self.assertEqual(self.run_host("usb:table", self.BUNDLE, "-norunloop")[0], 0)
+        self.assertEqual(self.sockets(), [])
 
     def test_it_does_not_begin_without_its_service(self):
         self.environment["VELL_SERVICE_PID"] = "1"

@@ -90,5 +90,6 @@ int main(int argc, const char** argv) {
         VellDeviceCenterStopRunLoop(center);
     });
     const int code = entry(argc - 1, argv + 1);
+    VellDeviceCenterStopRunLoop(center); // the loop may never have run
     leave(code, endedBy);
 }

@@ -259,6 +259,10 @@ protected:
     int tryStrip(RowReading& reading, const StripTiming& timing, const StripAttempt& attempt);
     void logStripAttempt(const RowReading& reading, const StripTiming& timing, const StripAttempt& attempt);
     RowOutcome readRowBySpots(RowReading& reading);
+    // The instrument's way between strips and the spot readings of a scan, which the record's mode does not
+    // follow. Under the SDK lock.
+    void beginSpotReadings();
+    void endSpotReadings();
     bool readPatchBySpots(RowReading& reading, int column, int& error);
     int readSpot(RowReading& reading, int error, int& available);
     RowOutcome bailOut(RowReading& reading, int error);
@@ -275,6 +279,7 @@ protected:
     bool mIsMeasuring = false;     // mMeasuringLock; a measurement runs on a worker thread
     bool mTaviIsConnected = false; // mSettingsLock; the spectrophotometer was there when last looked for
     pthread_mutex_t mSettingsLock;
+    bool mReadsSpots = false;       // the SDK lock; a scan's spot readings have begun and not been ended
     MeasurementID mMeasurement = 0; // mMeasuringLock; the newest
     int mWorkers = 0;               // mMeasuringLock; worker threads that have not ended
     int mPollingPauses = 0;         // the base's polling lock; blocks that keep polling paused

@@ -105,11 +105,14 @@ bool TaviIO::deliverRow(const Command& command, RowReading& reading, RowOutcome 
     const bool spots = outcome == RowOutcome::spotRead;
     if (reading.request.isLastRow(reading.row))
         parkHead();
-    if (isDoneForNow)
-        endMeasurement();
-    if (spots && !reading.request.isLastRow(reading.row)) {
+    {
+        // One hold of the lock: no command gets between the two. The flag is cleared after what can throw,
+        // as it tells whose failure that is.
         const SDKLock lock(*this);
-        Tavi_SetOption("MeasurementMode", "ScanningReflectance");
+        if (spots && !reading.request.isLastRow(reading.row))
+            endSpotReadings();
+        if (isDoneForNow)
+            endMeasurement();
     }
     reading.response.setCode(kSuccess);
     reading.response.setMessage("");

@@ -93,7 +93,7 @@ bool TaviIO::isReversed() {
 // The direction belongs to the measurement that runs: a worker that was left behind does not change it.
 void TaviIO::changeDirection(bool (*next)(bool reversed)) {
     const ThreadLock measuring(mMeasuringLock);
-    if (tMeasurement != 0 && tMeasurement != mMeasurement)
+    if (!ownsMeasurement())
         return;
     const ThreadLock lock(mSettingsLock);
     mIsReversed = next(mIsReversed);
@@ -241,7 +241,7 @@ void TaviIO::recoverFromException(MutableResponse& response) {
         cancel(response);
         return;
     }
-    trying([] { Tavi_SetOption("MeasurementMode", "ScanningReflectance"); });
+    trying([this] { endSpotReadings(); });
     trying([this] { parkHead(); });
     response.setCode(kInstrumentFailure);
     const char* const text = lastErrorWhateverHappens();

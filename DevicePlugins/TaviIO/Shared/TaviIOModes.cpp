@@ -56,6 +56,7 @@ Error TaviIO::changeMode(const std::string& mode) {
 Error TaviIO::configureMode(const std::string& mode) {
     if (const Error error = setCheckedOption("MeasurementMode", mode.c_str()))
         return error;
+    mReadsSpots = false;
     const bool scanning = mode == DeviceModeScanningReflectance;
     if (scanning) {
         if (const Error error = setCheckedOption("Recognition", "yes"))

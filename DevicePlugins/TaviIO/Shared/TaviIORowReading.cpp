@@ -94,6 +94,8 @@ std::deque<TaviIO::StripAttempt> TaviIO::stripAttempts(const StripTiming& timing
 int TaviIO::tryStrip(RowReading& reading, const StripTiming& timing, const StripAttempt& attempt) {
     {
         const SDKLock lock(*this);
+        if (mReadsSpots)
+            endSpotReadings(); // those of an earlier scan, which ended with them
         Tavi_SetOption("TaviTScanSpeed", TextFromInt(attempt.speed).c_str());
         if (reading.singleRow)
             Tavi_SetOption("TaviTScanDelay", TextFromInt(timing.delay).c_str());
@@ -137,6 +139,16 @@ void TaviIO::logStripAttempt(const RowReading& reading, const StripTiming& timin
                 static_cast<double>(reading.end.y));
 }
 
+void TaviIO::beginSpotReadings() {
+    mReadsSpots = true;
+    Tavi_SetOption("MeasurementMode", "SingleReflectance");
+}
+
+void TaviIO::endSpotReadings() {
+    Tavi_SetOption("MeasurementMode", "ScanningReflectance");
+    mReadsSpots = false;
+}
+
 TaviIO::RowOutcome TaviIO::readRowBySpots(RowReading& reading) {
     if (reading.isCancelled())
         return RowOutcome::cancelled;
@@ -146,7 +158,7 @@ TaviIO::RowOutcome TaviIO::readRowBySpots(RowReading& reading) {
     VellLogInfo("numColumnsExpeted: %d, firstColumToScan: %d\n", reading.columnCount(), first);
     {
         const SDKLock lock(*this);
-        Tavi_SetOption("MeasurementMode", "SingleReflectance");
+        beginSpotReadings();
     }
     reading.spectra.clear();
     reading.lab.clear();
@@ -233,7 +245,7 @@ TaviIO::RowOutcome TaviIO::bailOut(RowReading& reading, int error) {
     VellLogInfo("Error scanning, bailling out\n");
     {
         const SDKLock lock(*this);
-        Tavi_SetOption("MeasurementMode", "ScanningReflectance");
+        endSpotReadings();
         parkHead();
         reading.response.setCode(sdkError2Error(error));
         if (!reading.singleRow) {

@@ -93,7 +93,7 @@ void TaviIO::_measureSingleRowScanThreaded(const Command& command, MutableRespon
         parkHead();
     } else if (spots) {
         const SDKLock lock(*this);
-        Tavi_SetOption("MeasurementMode", "ScanningReflectance");
+        endSpotReadings();
     }
     response.setCode(kSuccess);
     response.setMessage("");

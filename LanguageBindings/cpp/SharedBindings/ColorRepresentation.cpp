@@ -1,5 +1,7 @@
 #include "ColorRepresentation.h"
 
+#include <algorithm>
+
 namespace VellDevice {
 
 ColorRepresentation::ColorRepresentation() : Object(false) {
@@ -57,11 +59,11 @@ void ColorRepresentation::setValues(const std::vector<float>& values) {
 }
 
 void ColorRepresentation::setValues(const double* values, int count) {
-    setValues(std::vector<double>(values, values + count));
+    setValues(std::vector<double>(values, values + std::max(count, 0)));
 }
 
 void ColorRepresentation::setValues(const float* values, int count) {
-    setValues(std::vector<double>(values, values + count));
+    setValues(std::vector<double>(values, values + std::max(count, 0)));
 }
 
 } // namespace VellDevice

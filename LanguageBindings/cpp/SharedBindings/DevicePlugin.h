@@ -242,7 +242,8 @@ private:
     bool disconnectLoggingExceptions(const char* exceptionText);
 
     // Guards what the watcher thread shares with the main thread: mConnected, mExitCode, mRunLoopRunning,
-    // mLockFileName, mExiting, and the making of mDevice. Nothing else is locked or called under it.
+    // mLockFileName, mExiting, and the making of mDevice. Nothing else is locked or called under it, but what
+    // makes the record.
     std::mutex mRunStateLock;
     bool mExiting = false; // exitDeviceService has begun
 

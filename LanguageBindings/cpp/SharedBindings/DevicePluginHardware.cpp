@@ -113,12 +113,13 @@ void DevicePlugin::didAttach(const VellHardwareDeviceRef& device) {
     VELL_TRACE();
     const std::string path = pathOf(device);
     VellLogDebug("[DevicePlugin::didAttach] - %s\n", path.empty() ? "no path" : path.c_str());
-    if (IsDying())
-        return; // and wait for no lock: whoever ends the plug-in may need this thread
     if (isConnected() && mHardwareDevice != nullptr) {
         VellLogDebug("[DevicePlugin::didAttach] - already connected\n");
         return;
     }
+    // Asked second: whoever ends the plug-in sets dying before it takes the connection away.
+    if (IsDying())
+        return; // and wait for no lock: that thread may need this one
     {
         std::string lockFileName;
         GlobalLock::EncodeMutexNameForPlatform(path, lockFileName);
@@ -144,7 +145,10 @@ void DevicePlugin::didAttach(const VellHardwareDeviceRef& device) {
     }
     if (result == kConnected) {
         this->device()->setAvailable(true);
-        setConnected(!IsDying());
+        {
+            const ThreadLock lock(mDyingLock); // nobody begins to end the plug-in between the two
+            setConnected(!mDying);
+        }
         announceStatus();
     } else if (TestAndSetDying()) {
         VellLogError(

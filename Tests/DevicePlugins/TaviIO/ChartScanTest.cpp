@@ -65,6 +65,25 @@ TEST_F(ChartScan, SpotCounts) {
     EXPECT_EQ(scans(), 0);
 }
 
+TEST_F(ChartScan, StripsAfterAScanThatEndedInSpots) {
+    const ChartOnTable chart{.rows = 3, .columns = 4};
+    place(chart);
+    // To the end, or cancelled on the way; no poll comes before the next scan.
+    for (const bool cancels : {false, true}) {
+        SCOPED_TRACE(cancels);
+        calls.interfere([&](int, const TaviSDK::Call& call) -> std::optional<int> {
+            if (cancels && call.name == "Tavi_TriggerMeasurement")
+                driver->setIsCancelled(true);
+            return std::nullopt;
+        });
+        EXPECT_EQ(measure(chart, {{"SpotMeasureCount", "1"}}).back().code, cancels ? -1023 : 0);
+        calls.interfere({});
+        calls.take();
+        expectChart(measure(chart), chart);
+        EXPECT_EQ(scans(), 3) << "each row at the first attempt";
+    }
+}
+
 TEST_F(ChartScan, LowResolutionTriesTwoStrips) {
     const ChartOnTable chart{.rows = 2, .columns = 5, .equalNeighbours = true};
     place(chart);

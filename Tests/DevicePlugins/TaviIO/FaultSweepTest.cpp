@@ -211,6 +211,7 @@ INSTANTIATE_TEST_SUITE_P(
         ScanCase{"Strips", {.rows = 2, .columns = 3, .lastRowColumns = 2}},
         ScanCase{"Spots", {.rows = 2, .columns = 2}, -1, 2},
         ScanCase{"StripsThenSpots", {.rows = 2, .columns = 2, .equalNeighbours = true}},
+        ScanCase{"FirstRowHandedBack", {.rows = 2, .columns = 2}, -2, 1},
         ScanCase{"FirstRow", {.rows = 3, .columns = 2}, 0},
         ScanCase{"MiddleRow", {.rows = 3, .columns = 2}, 1},
         ScanCase{"LastRow", {.rows = 3, .columns = 3, .lastRowColumns = 2}, 2},

@@ -97,7 +97,7 @@ bool Hit::isInAttributePass() const {
 Operation ScanCase::operation() const {
     Operation operation{
         .label = label, .command = "Measure", .arguments = chart.measureArguments(), .onWorker = true};
-    if (row >= 0)
+    if (row != -1)
         operation.arguments["RowToScan"] = std::to_string(row);
     if (spots > 0)
         operation.arguments["SpotMeasureCount"] = std::to_string(spots);

@@ -59,11 +59,11 @@ struct Operation {
 struct ScanCase {
     const char* label;
     ChartOnTable chart;
-    int row = -1; // the one to scan; -1: all of them
+    int row = -1; // the one to scan; -1: all of them, -2: the first, as the chart scan reads it
     int spots = 0;
 
-    std::size_t answers() const { return row >= 0 ? 1 : static_cast<std::size_t>(chart.rows); }
-    bool endsAtHome() const { return row < 0 || row == chart.rows - 1; }
+    std::size_t answers() const { return row == -1 ? static_cast<std::size_t>(chart.rows) : 1; }
+    bool endsAtHome() const { return row == -1 || row == chart.rows - 1; }
     Operation operation() const;
 };
 

@@ -166,6 +166,18 @@ TEST(CollectionTest, NearestItem) {
     collection.setToData(4, 2, items);
     EXPECT_EQ(collection.getNearestItem(item, distance), 1) << "the first of three that are equally near";
     EXPECT_EQ(distance, 5);
+    collection(0, 0) = std::nan(""); // near to nothing, and in nobody's way
+    EXPECT_EQ(collection.getNearestItem(item, distance), 1);
+    bool added = true;
+    collection.addItemIfUnique(collection.GetItem(3), added);
+    EXPECT_FALSE(added);
+}
+
+TEST(CollectionTest, ItemsWithoutElementsStayItems) {
+    const cMatrixDC matrix(3, 0);
+    EXPECT_EQ(matrix.getItem(1).GetNumItems(), 1);
+    EXPECT_EQ(matrix.getSubMatrix(1).GetNumItems(), 1);
+    EXPECT_EQ(matrix.maxColumns().GetNumItems(), 1);
 }
 
 TEST(CollectionTest, RearrangesItemsAndElements) {
@@ -231,6 +243,9 @@ TEST(CollectionTest, IntegersAreExact) {
     EXPECT_THAT(values(collection), ElementsAre(large, large - 1));
     const long other = large - 4;
     EXPECT_TRUE(collection.isUnique(&other));
+    double apart = 0;
+    EXPECT_EQ(collection.getNearestItem(&other, apart), 1);
+    EXPECT_EQ(apart, 3);
 
     const long places[] = {10, 20, 0, 0};
     collection.setToData(2, 2, places);

@@ -23,6 +23,11 @@ namespace {
 
 class ServerTest : public PluginTest {};
 
+long descriptorsOfThisProcess() {
+    const std::filesystem::directory_iterator open("/proc/self/fd");
+    return std::distance(begin(open), end(open));
+}
+
 TEST_F(ServerTest, CommandArrivesWholeAndItsResponseGoesToItsSender) {
     std::string seen;
     onCommand = [&](VellDeviceCommandRef command) {
@@ -314,9 +319,27 @@ TEST_F(ServerTest, StopLetsPostsLeaveAndTakesTheSocketAway) {
     EXPECT_THROW(connect(), std::runtime_error);
 }
 
-TEST_F(ServerTest, StopIsForAnyThreadAndAnyTime) {
-    VellDeviceCenterStopRunLoop(center()); // before it runs
+TEST_F(ServerTest, StopForgetsTheCommandsThatWait) {
+    int calls = 0;
+    onCommand = [&](VellDeviceCommandRef) {
+        ++calls;
+        VellDeviceCenterStopRunLoop(center());
+    };
+    FrameClient client = connect();
+    runSomePasses();
+    const auto before = descriptorsOfThisProcess();
+    client.send(FrameClient::command("A", "1") + FrameClient::command("B", "2"));
     VellDeviceCenterRunLoop(center());
+    runSomePasses();
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(descriptorsOfThisProcess(), before - 2) << "the listener's and the connection's are closed";
+}
+
+TEST_F(ServerTest, StopIsForAnyThreadAndAnyTime) {
+    VellDeviceCenterStopRunLoop(center());                                   // before it runs
+    VellDeviceCenterRegisterSourceNameAsServer(center(), constant(kSource)); // what a stop closes
+    VellDeviceCenterRunLoop(center());
+    EXPECT_FALSE(std::filesystem::exists(folder.socketPath(kSource)));
     std::thread stopper([] {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         VellDeviceCenterStopRunLoop(center());

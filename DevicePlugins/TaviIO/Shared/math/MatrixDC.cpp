@@ -217,7 +217,8 @@ void cMatrixDC::copyT(const cMatrixDC& B) {
 }
 
 cMatrixDC cMatrixDC::getSubMatrix(long row) const {
-    cMatrixDC result(1, mItemSize, GetItem(row));
+    cMatrixDC result(1, mItemSize);
+    std::copy_n(GetItem(row), mItemSize, result.data());
     result.setDescription(description());
     return result;
 }
@@ -731,7 +732,8 @@ cMatrixDC cMatrixDC::extremeOfRows(Better better, cDataCollectionInt* where) con
 template <class Better>
 cMatrixDC cMatrixDC::extremeOfColumns(Better better, cDataCollectionInt* where) const {
     mathAssert(mNumItems > 0 || mItemSize == 0, kHasElements);
-    cMatrixDC extremes(1, mItemSize, mNumItems > 0 ? itemAt(0) : nullptr);
+    cMatrixDC extremes(1, mItemSize);
+    std::copy_n(data(), mItemSize, extremes.data());
     std::vector<long> positions(static_cast<std::size_t>(mItemSize));
     for (long r = 1; r < mNumItems; ++r) {
         for (long c = 0; c < mItemSize; ++c) {

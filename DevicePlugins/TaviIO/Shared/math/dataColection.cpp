@@ -149,7 +149,8 @@ cDataCollection cDataCollection::combineCollections(const cDataCollection& other
 }
 
 cDataCollection cDataCollection::getItem(long i) const {
-    cDataCollection item(1, mItemSize, GetItem(i));
+    cDataCollection item(1, mItemSize);
+    std::copy_n(GetItem(i), mItemSize, item.data());
     item.setDescription(description());
     return item;
 }

@@ -3,9 +3,11 @@
 #include "mathAssert.h"
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 #include <memory>
 #include <new>
+#include <type_traits>
 
 // To the nearest item, where there is none.
 inline constexpr double kNoDistance = 1e+50;
@@ -131,18 +133,19 @@ protected:
         const Element* item = itemAt(itemNum);
         double sum = 0;
         for (long j = 0; j < mItemSize; ++j) {
-            const double difference = static_cast<double>(item[j]) - static_cast<double>(other[j]);
-            sum += difference * difference;
+            const double apart = difference(item[j], other[j]);
+            sum += apart * apart;
         }
         return sum;
     }
 
-    // The item with the smallest squared distance, the first of equally near ones; -1 when there is none.
+    // The item with the smallest squared distance, the first of equally near ones; -1 when there is none. An
+    // item that holds NaN is near to nothing: it is found only where all do.
     long nearestItem(const Element* other, double& squared) const {
         long nearest = -1;
         for (long i = 0; i < mNumItems; ++i) {
             const double distance = squaredDistance(i, other);
-            if (nearest < 0 || distance < squared) {
+            if (nearest < 0 || distance < squared || (std::isnan(squared) && !std::isnan(distance))) {
                 nearest = i;
                 squared = distance;
             }
@@ -161,6 +164,16 @@ protected:
     long mItemSize = 0;
 
 private:
+    // Exact for integers, too large for a double's digits though they may be.
+    static double difference(Element a, Element b) {
+        if constexpr (std::is_integral_v<Element>) {
+            Element exact{};
+            if (!__builtin_sub_overflow(a, b, &exact))
+                return static_cast<double>(exact);
+        }
+        return static_cast<double>(a) - static_cast<double>(b);
+    }
+
     // The number of elements, or one that no allocation can satisfy.
     static long elementCount(long items, long itemSize) {
         long count = 0;
