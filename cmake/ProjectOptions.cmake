@@ -22,6 +22,7 @@ function(tavi_add_test name)
     endif()
     add_executable(${name} ${ARG_SOURCES})
     target_link_libraries(${name} PRIVATE project_options ${ARG_LIBRARIES} GTest::gmock GTest::gtest_main)
+    target_compile_options(${name} PRIVATE -O0) # compiling them takes longer than running them
     set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
     if(NOT ARG_TIMEOUT)
         set(ARG_TIMEOUT 180) # far more than any takes, under a sanitizer on a loaded machine too
