@@ -35,13 +35,30 @@ TEST(RestartPolicy, PausesDoubleUpToAMinuteAndBeginAnewAfterAUsefulLife) {
 TEST(Progress, LineFitsAnyWidth) {
     const ProgressState state{3, 11, 63, 231, 10.5, {1, 2}};
     const std::string wide = progressLine(state, 120);
-    EXPECT_THAT(
-        wide, testing::MatchesRegex("\\[#+\\.+\\] row 3/11  63/231 patches  0:28 left  6.0/s  spots in 1,2"));
-    EXPECT_EQ(progressLine(state, 30), "row 3/11  63/231 patches");
+    EXPECT_THAT(wide,
+                testing::MatchesRegex(
+                    "\\[#+\\.+\\] row  3/11   63/231 patches    0:28 left     6.0/s  rows 1, 2 by spots"));
+    EXPECT_EQ(progressLine(state, 30), "row  3/11   63/231 patches");
     for (int width = 1; width < 120; ++width)
         EXPECT_LE(std::ssize(progressLine(state, width)), width);
-    EXPECT_THAT(progressLine({0, 11, 0, 231, 5, {}}, 80), testing::Not(HasSubstr("left")));
+    EXPECT_THAT(progressLine({0, 11, 0, 231, 5, {}}, 80), HasSubstr("-:-- left"));
     EXPECT_THAT(progressLine({11, 11, 231, 231, 5, {}}, 80), HasSubstr("0:00 left"));
+}
+
+TEST(Progress, NothingMovesFromTheFirstLineToTheLast) {
+    for (const int width : {20, 40, 60, 80, 120}) {
+        ProgressState state{0, 60, 0, 1200, 0, {}};
+        const std::string first = progressLine(state, width);
+        for (; state.rowsDone < 60; state.rowsDone++, state.patchesDone += 20, state.seconds += 9.7) {
+            const std::string line = progressLine(state, width);
+            for (const char* const part : {"/60", "/1200", "left", "/s", "]"})
+                EXPECT_EQ(line.find(part), first.find(part)) << line;
+            if (state.rowsDone > 0 && width >= 80) {
+                EXPECT_THAT(line, HasSubstr("by spots"));
+            }
+            state.spotRows.push_back(state.rowsDone);
+        }
+    }
 }
 
 TEST(Terminal, ClipsWholeCharacters) {
@@ -53,6 +70,7 @@ TEST(Json, EscapesWhatItMust) {
     EXPECT_EQ(Json().add("a\"", "\\\n\xc3\xa9").add("b", 0.1).add("c", true).add("d", -5).text(),
               "{\"a\\\"\":\"\\\\\\u000a\xc3\xa9\",\"b\":0.1,\"c\":true,\"d\":-5}");
     EXPECT_EQ(Json().add("n", std::numeric_limits<double>::quiet_NaN()).text(), "{\"n\":null}");
+    EXPECT_EQ(Json::quote("a\xff"), "\"a\xef\xbf\xbd\"");
 }
 
 TEST(PluginLog, KnowsRowsReadBySpotsFromNowOn) {
@@ -69,9 +87,9 @@ TEST(PluginLog, KnowsRowsReadBySpotsFromNowOn) {
     log.update();
     stream << "uring row 12...\nError scanning, trying to scan using spot\n" << std::flush;
     log.update();
-    EXPECT_FALSE(log.wasSpotRead(0));
-    EXPECT_FALSE(log.wasSpotRead(7));
-    EXPECT_TRUE(log.wasSpotRead(12));
+    EXPECT_EQ(log.wasSpotRead(0), false);
+    EXPECT_EQ(log.wasSpotRead(7), std::nullopt) << "nothing was read of it";
+    EXPECT_EQ(log.wasSpotRead(12), true);
     EXPECT_THAT(log.warnings(), testing::ElementsAre(HasSubstr("text")));
     std::filesystem::remove(file);
 }

@@ -66,6 +66,9 @@ class CommandsTest(ToolsTest):
         rows = self.tablectl("send", "Measure", *arguments)[0]
         self.assertEqual(rows.count("Measure: 0"), 2)
         self.assertEqual(rows.count(" Lab "), 8)
+        row = self.tablectl("send", "Measure", *map(str.lower, arguments), "rowtoscan=1")[0]
+        self.assertEqual((row.count("Measure: 0"), row.count(" Lab ")), (1, 4))
+        self.assertIn("not on the chart", self.tablectl("send", "Measure", *arguments, "RowToScan=2", status=1)[1])
         for name, value in (("Rows", "0"), ("Columns", "-1")):
             self.assertIn("Measure: 22: ", self.tablectl("send", "Measure", *arguments, f"{name}={value}", status=1)[1])
         for value in ("nan", "inf", "4000"):
@@ -74,8 +77,22 @@ class CommandsTest(ToolsTest):
                 self.assertRegex(error, r"Measure: \d+: \S")
                 wait_until(lambda: self.client.call("GetDevicePosition")["Message"] == "0.000000,0.000000")
 
+    def test_an_interrupted_measurement_does_not_go_on(self):
+        self.tablectl("calibrate")
+        self.tablectl("send", "Measure", "Rows=3")  # its position: one answer
+        self.tablectl("mode", "ScanningReflectance")
+        self.tablectl("simulate", "--time-scale", "0.2")
+        arguments = [f"{key}={value}" for key, value in self.chart.arguments().items()]
+        sender = self.start("tablectl", "send", "Measure", *arguments, stdout=subprocess.PIPE)
+        sender.stdout.readline()  # the first row
+        sender.send_signal(signal.SIGINT)
+        self.assertEqual(sender.wait(60), 128 + signal.SIGINT)
+        self.client.status(lambda record: True)
+        wait_until(lambda: self.client.call("GetDevicePosition")["Message"] == "0.000000,0.000000")
+
     def test_devices_that_are_not_there(self):
-        self.assertIn("no such device", self.tablectl("--device", "usb:other", "status", status=3)[1])
+        for command in ("status", "list"):
+            self.assertIn("no such device", self.tablectl("--device", "usb:other", command, status=3)[1])
         chart = self.path("chart.txt")
         for arguments, problem in (([], "name a command"), (["nonsense"], "no such command: nonsense"),
                                    (["get"], "KEY is required"), (["move", "1"], "Y is required"),
@@ -83,11 +100,12 @@ class CommandsTest(ToolsTest):
                                    (["lock", "-1"], "SECONDS: not a number of 0 or more: -1"),
                                    (["scan", chart, "--spot", "0"], "--spot: not a whole number above 0: 0"),
                                    (["simulate", "--table", "sideways"], "--table: neither on nor off: sideways"),
+                                   (["simulate", "--fault", "Tavi_Scan:x:11"], "--fault: not CALL:N:STATUS.*"),
+                                   (["--simulated", "", "list"], "cannot be opened.*"),
                                    (["simulate", "--chart", self.path("none")], "none: cannot be opened")):
-            _, error = self.tablectl(*arguments, status=2)
+            output, error = self.tablectl("--json", *arguments, status=2)
             self.assertRegex(error, rf"^tablectl: .*{problem}\n")
-        _, error = self.tablectl("scan", chart, "--report", self.path("nowhere/report.html"), status=1)
-        self.assertRegex(error, r"^tablectl: cannot write .*nowhere/report.html: No such file")
+            self.assertRegex(json.loads(output)["message"], problem)
         os.remove(self.file)
         wait_until(lambda: not self.sockets())
         _, error = self.tablectl("status", status=3)
@@ -99,9 +117,10 @@ class CommandsTest(ToolsTest):
     def test_a_lock_keeps_other_clients_out(self):
         holder = self.start("tablectl", "lock", "600")
         self.client.status(lambda record: record["LockHolder"] == str(holder.pid))
-        for arguments in (["home"], ["scan", self.path("chart.txt")]):
+        for arguments in (["home"], ["scan", self.path("chart.txt"), "--time-scale", "3"]):
             _, error = self.tablectl(*arguments, status=1)
             self.assertRegex(error, rf"-1022: .*locked by .*process {holder.pid} \(tablectl\)")
+        self.assertEqual(json.loads(self.tablectl("--json", "simulate")[0])["TimeScale"], "0")
         self.assertIn(f"locked by {holder.pid}", self.tablectl("list")[0])
         self.tablectl("status")
         holder.send_signal(signal.SIGINT)
@@ -160,6 +179,11 @@ class CommandsTest(ToolsTest):
         self.tablectl("simulate", "--press")
         self.assertEqual(wait_until(lambda: self.next_response())["Name"], "BeginMeasure")
         self.tablectl("simulate", "--attach", "usb:table", status=1)
+        for path in ("usb:a-b", "usb:a_b"):  # one after the other in the same file, if it were for the name
+            self.tablectl("simulate", "--attach", path, "--serial", path + "!")
+        for path in ("usb:a-b", "usb:a_b"):
+            self.assertEqual(json.loads(self.tablectl("--json", "--device", path, "simulate")[0])["Path"], path)
+            self.tablectl("--device", path + "!", "simulate", "--detach")
         self.tablectl("simulate", "--detach")
         self.tablectl("simulate", status=3)
 

@@ -82,6 +82,29 @@ class ReportTest(ToolsTest):
         data = json.loads(re.search(r'id="data">(.*?)</script>', page, re.S).group(1))
         self.assertEqual([round(patch["deltaE"], 4) for patch in data["patches"]], [0] * 6)
 
+    def conditions(self):
+        with open(self.path("report.html")) as file:
+            data = json.loads(re.search(r'id="data">(.*?)</script>', file.read(), re.S).group(1))
+        return dict(data["conditions"]), data["warnings"]
+
+    def test_a_scan_that_failed_says_why(self):
+        layout = self.write_chart(Chart(3, 3))
+        self.start_service()
+        self.attach("usb:table", Chart=layout, Fault="Tavi_Scan:2:throw")
+        self.connect()
+        self.tablectl("scan", layout, "--report", self.path("report.html"), status=1)
+        conditions, warnings = self.conditions()
+        self.assertEqual((conditions["Rows measured"], conditions["Rows read by spots"]), ("1 of 3", "none"))
+        self.assertRegex(conditions["Ended early"], "^Measure: 14: ")
+        self.assertRegex(warnings[-1], "exception: Tavi_Scan")
+
+    def test_a_log_that_tells_nothing_is_no_proof(self):
+        self.environment["VELL_LOG_LEVEL"] = "warning"
+        chart = Chart(2, 3)
+        chart.spectra[1, 1] = chart.spectra[1, 2]
+        self.report(chart, chart)
+        self.assertEqual(self.conditions()[0]["Rows read by spots"], "not known")
+
     @unittest.skipUnless(BROWSER, "chromium is not installed")
     def test_it_shows_what_differs(self):
         chart, printed = Chart(3, 4, last=2, angle=0.1), Chart(3, 4, last=2, angle=0.1)

@@ -79,6 +79,8 @@ class ScanTest(ToolsTest):
         self.assertEqual([event["event"] for event in events],
                          ["calibrating", "begin", "row", "row", "row", "done"])
         self.assertEqual([event["spot"] for event in events if event["event"] == "row"], [False, True, False])
+        self.assertEqual(events[-1]["spotRows"], [1])
+        self.assertNotIn("readings", events[-2])
         self.assert_measured(read_measurements(self.path("out.txt")), chart)
 
     def test_without_an_output_file_the_readings_go_to_standard_output(self):
@@ -88,6 +90,25 @@ class ScanTest(ToolsTest):
         with open(self.path("piped.txt"), "w") as file:
             file.write(text)
         self.assert_measured(read_measurements(self.path("piped.txt")), chart)
+        events, _ = self.tablectl("--simulated", layout, "--json", "scan", layout, "--time-scale", "0")
+        row, = [event for event in map(json.loads, events.splitlines()) if event["event"] == "row"]
+        self.assertEqual([(reading["sampleId"], reading["column"]) for reading in row["readings"]],
+                         [(f"P0-{column}", column) for column in range(3)])
+        for reading, spectrum in zip(row["readings"], chart.spectra.values()):
+            self.assertEqual([single(value) for value in reading["spectrum"]], [single(value) for value in spectrum])
+
+    def test_files_are_not_lost(self):
+        layout = self.write_chart(Chart(1, 2))
+        os.symlink(layout, self.path("link.txt"))
+        for options in (["--output", layout], ["--report", self.path("link.txt")],
+                        ["--output", self.path("new"), "--report", self.path("./new")]):
+            _, error = self.tablectl("scan", layout, *options, status=2)
+            self.assertIn("would replace", error)
+        for option in ("--output", "--report"):
+            _, error = self.tablectl("scan", layout, option, self.path("nowhere/file"), status=1)
+            self.assertRegex(error, "nowhere/file: cannot be written: No such file")
+        self.tablectl("--simulated", layout, "scan", layout, "--time-scale", "0", "--output", "/dev/null",
+                      "--report", "/dev/null")
 
     def test_layouts_that_make_no_sense(self):
         good = Chart(2, 2).text()
@@ -188,6 +209,14 @@ class InterruptedScanTest(ToolsTest):
         self.assertIn("standard output: Broken pipe", error)
         self.assert_device_is_free(client)
 
+    def test_a_table_that_is_taken_away_ends_the_scan(self):
+        scan, _ = self.start_scan("--output", self.path("out.txt"), stderr=-1)
+        self.wait_for_rows(1)
+        os.remove(os.path.join(self.hardware, "usb:table.plist"))
+        _, error = scan.communicate()
+        self.assertEqual(scan.returncode, 1)
+        self.assertIn("the device went away", error)
+
     def test_a_device_that_dies_leaves_the_rows_before(self):
         scan, _ = self.start_scan("--output", self.path("out.txt"), stderr=-1)
         self.wait_for_rows(1)
@@ -196,6 +225,21 @@ class InterruptedScanTest(ToolsTest):
         self.assertEqual(scan.returncode, 1)
         self.assertIn("the device went away", error)
         self.assertGreaterEqual(len(read_measurements(self.path("out.txt"))), 10)
+
+
+class CalibrationOfOthersTest(ToolsTest):
+    def test_a_scan_waits_for_it_and_needs_none_of_its_own(self):
+        layout = self.write_chart(Chart(1, 3))
+        self.start_service()
+        self.attach("usb:table", Chart=layout, Fault="Tavi_Calibrate:1:hang=3600")
+        client = self.connect()
+        client.send("Calibrate")
+        client.status(lambda record: record["CalibrationStatus"] == -1)
+        scan = self.start("tablectl", "--json", "scan", layout, stdout=-1, stderr=-1)
+        self.tablectl("simulate", "--fault", "")
+        events, error = scan.communicate()
+        self.assertEqual((scan.returncode, error), (0, ""))
+        self.assertEqual([json.loads(line)["event"] for line in events.splitlines()], ["begin", "row", "done"])
 
 
 if __name__ == "__main__":

@@ -99,4 +99,19 @@ Row rowOf(const Reply& reply, const Color::ChartLayout& layout) {
     return row;
 }
 
+std::string readingsJson(const Row& row, const Color::ChartLayout& layout) {
+    std::vector<std::string> readings;
+    for (const Color::Reading& reading : row.readings) {
+        const Color::Patch* patch = layout.patchAt(reading.row, reading.column);
+        readings.push_back(Json()
+                               .add("sampleId", patch ? patch->sampleId : "")
+                               .add("column", reading.column)
+                               .add("spotIndex", reading.spotIndex)
+                               .addRaw("lab", jsonArray(reading.lab))
+                               .addRaw("spectrum", jsonArray(reading.spectrum))
+                               .text());
+    }
+    return "[" + join(readings, ",") + "]";
+}
+
 } // namespace tablectl

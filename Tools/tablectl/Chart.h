@@ -31,6 +31,9 @@ struct Row {
     std::vector<Color::Reading> readings;
 };
 
+// The readings as a JSON array: `sampleId`, `column`, `spotIndex`, `lab` and `spectrum` of each.
+std::string readingsJson(const Row& row, const Color::ChartLayout& layout);
+
 // Throws DeviceFailure when the reply does not hold exactly the patches of one row of the chart.
 Row rowOf(const Reply& reply, const Color::ChartLayout& layout);
 

@@ -3,12 +3,16 @@
 #include "CommandLine.h"
 
 #include "Commands.h"
+#include "Output.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <regex>
+#include <string_view>
 
 namespace tablectl {
 
@@ -43,6 +47,13 @@ const CLI::Validator kCount = makeCheck(
 
 const CLI::Validator kOnOrOff =
     makeCheck([](const std::string& text) { return text == "on" || text == "off"; }, "neither on nor off");
+
+const CLI::Validator kFault = makeCheck(
+    [](const std::string& text) {
+        static const std::regex kForm("(Tavi_)?[A-Za-z]+:0*[1-9][0-9]*:(-?[0-9]+|throw|hang=[0-9.eE+-]+)");
+        return text.empty() || std::regex_match(text, kForm);
+    },
+    "not CALL:N:STATUS, CALL:N:throw or CALL:N:hang=SECONDS");
 
 // The parser, and where it puts what it finds. What a command line gives for a command lives as long as the
 // command, which holds it.
@@ -143,8 +154,10 @@ void Grammar::addControl() {
 
     add("position", "Prints where the head is", commands::position);
     add("home", "Sends the head home", commands::home);
-    add("cancel", "Cancels the running measurement", commands::cancel);
-    add("reset", "Ends whatever the device does and sends the head home", commands::reset);
+    add("cancel", "Cancels the running measurement, unless another client has locked the device",
+        commands::cancel);
+    add("reset", "Ends whatever the device does and sends the head home, with the same exception",
+        commands::reset);
 
     const auto name = std::make_shared<std::string>();
     const auto arguments = std::make_shared<std::vector<std::string>>();
@@ -206,7 +219,8 @@ void Grammar::addSimulate() {
     simulate
         .add_option("--fault", changes->fault,
                     "CALL:N:STATUS, CALL:N:throw, CALL:N:hang=SECONDS; \"\" for none")
-        ->type_name("FAULT");
+        ->type_name("FAULT")
+        ->check(kFault);
     simulate.add_option("--table", changes->table, "off: no table answers")
         ->type_name("on|off")
         ->check(kOnOrOff);
@@ -217,7 +231,7 @@ void Grammar::addSimulate() {
 }
 
 // Shows the help that was asked for, or says what is wrong with the command line. The exit status.
-int explain(const CLI::App& app, const CLI::ParseError& error) {
+int explain(const CLI::App& app, const CLI::ParseError& error, bool json) {
     if (error.get_exit_code() == 0)
         return app.exit(error);
     const auto commands = app.get_subcommands();
@@ -229,7 +243,8 @@ int explain(const CLI::App& app, const CLI::ParseError& error) {
         problem = std::string("no such ") + (unknown.front().starts_with("-") ? "option: " : "command: ") +
                   unknown.front();
     const std::string command = commands.empty() ? "" : " " + commands.front()->get_name();
-    std::fprintf(stderr, "tablectl: %s\nSee tablectl%s --help.\n", problem.c_str(), command.c_str());
+    reportFailure(json, problem);
+    std::fprintf(stderr, "See tablectl%s --help.\n", command.c_str());
     return 2;
 }
 
@@ -241,7 +256,8 @@ std::optional<int> readCommandLine(int argc, const char* const* argv, CommandLin
         grammar.app().parse(argc, argv);
         return std::nullopt;
     } catch (const CLI::ParseError& error) {
-        return explain(grammar.app(), error);
+        const bool json = std::find(argv, argv + argc, std::string_view("--json")) != argv + argc;
+        return explain(grammar.app(), error, json);
     }
 }
 

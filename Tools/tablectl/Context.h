@@ -14,8 +14,8 @@ class Simulation;
 struct Options {
     std::string device; // name, path or serial number; "": the only one
     bool json = false;
-    std::string simulated; // the layout of the chart on a virtual table; "": none
-    double noise = 0;      // of that table's readings
+    std::optional<std::string> simulated; // the layout of the chart on a virtual table of its own
+    double noise = 0;                     // of that table's readings
     std::optional<double> timeScale;
 };
 

@@ -3,12 +3,16 @@
 #include "Errors.h"
 #include "Table.h"
 
+#include <strings.h>
+
 #include <algorithm>
 #include <cstdlib>
 
 namespace tablectl {
 
 namespace {
+
+constexpr Session::Seconds kCancelReply{10};
 
 void callOne(Context& context, const Command& command) {
     const Table table = Table::find(context);
@@ -66,19 +70,33 @@ void showReply(Output& output, const Command& command, const Reply& reply) {
 }
 
 // How many replies the device owes: a chart scan gives one for each row.
-long repliesTo(const Command& command) {
+long repliesTo(const Command& command, const std::string& mode) {
     static const std::vector<std::string> kSilent = {"Poll", "poll", "Status", "DieAQuickDeath",
                                                      "__Unproxy__"};
     if (std::find(kSilent.begin(), kSilent.end(), command.name) != kSilent.end())
         return 0;
+    if (command.name != "Measure" || mode != "ScanningReflectance")
+        return 1;
     long rows = 1;
     for (const auto& [key, value] : command.arguments) {
-        if (command.name == "Measure" && key == "RowToScan")
+        const long number = std::strtol(value.c_str(), nullptr, 10);
+        // The device does not look at the case of a key, either.
+        if (strcasecmp(key.c_str(), "RowToScan") == 0 && !value.empty() && number != -1)
             return 1;
-        if (command.name == "Measure" && key == "Rows")
-            rows = std::strtol(value.c_str(), nullptr, 10);
+        if (strcasecmp(key.c_str(), "Rows") == 0)
+            rows = number;
     }
     return std::max(rows, 1L);
+}
+
+// A measurement that nobody waits for any more does not go on.
+void cancelAfterInterruption(const Table& table) {
+    const Session::CleanUp cleanUp(table.session());
+    try {
+        table.send({"CancelMeasure", {}}).next(kCancelReply);
+    } catch (const Failure&) {
+        // The interruption is what the user is told.
+    }
 }
 
 Command commandOf(const std::string& name, const std::vector<std::string>& arguments) {
@@ -130,7 +148,7 @@ void home(Context& context) {
     callOne(context, {"GoHome", {}});
 }
 
-// Neither of these two waits for a lock: both are what is left when something hangs.
+// Neither of these two takes the lock: both are what is left when something hangs.
 void cancel(Context& context) {
     Table::find(context).call({"CancelMeasure", {}});
 }
@@ -143,11 +161,18 @@ void reset(Context& context) {
 void send(Context& context, const std::string& name, const std::vector<std::string>& arguments) {
     const Command command = commandOf(name, arguments);
     const Table table = Table::find(context);
+    long awaited = repliesTo(command, table.status().mode);
     Exchange exchange = table.send(command);
-    for (long awaited = repliesTo(command); awaited > 0; --awaited) {
-        const Reply reply = *exchange.next();
-        showReply(context.output, command, reply);
-        table.check(command, reply);
+    try {
+        for (; awaited > 0; --awaited) {
+            const Reply reply = *exchange.next();
+            showReply(context.output, command, reply);
+            table.check(command, reply);
+        }
+    } catch (const Interrupted&) {
+        if (command.name == "Measure")
+            cancelAfterInterruption(table);
+        throw;
     }
 }
 

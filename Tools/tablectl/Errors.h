@@ -30,7 +30,8 @@ struct Interrupted : Failure {
     explicit Interrupted(int signal) : Failure(128 + signal, "interrupted") {}
 };
 
-// What a response's code means, for when the device says nothing more.
-std::string meaningOfCode(int code);
+// What a response's code means: in the instrument's words where the code comes from it and it has said
+// something, else in ours.
+std::string meaningOf(int code, const std::string& message);
 
 } // namespace tablectl

@@ -86,6 +86,10 @@ std::string HardwareFile::devicePath() const {
     return tools::textOf(static_cast<VellStringRef>(valueOf(mRoot.get(), "Path", "VellStringRef")));
 }
 
+std::string HardwareFile::serialNumber() const {
+    return tools::textOf(static_cast<VellStringRef>(valueOf(simulation(), "SerialNumber", "VellStringRef")));
+}
+
 VellDictionaryRef HardwareFile::simulation() const {
     return static_cast<VellDictionaryRef>(valueOf(mRoot.get(), "Simulation", "VellDictionaryRef"));
 }

@@ -21,6 +21,7 @@ public:
 
     const std::filesystem::path& file() const { return mFile; }
     std::string devicePath() const;
+    std::string serialNumber() const;     // "" when the file has none
     VellDictionaryRef simulation() const; // empty when the file has none
 
     void set(const char* key, const std::string& text);

@@ -59,13 +59,18 @@ void showStatus(Context& context, const DeviceStatus& status) {
 void watchStatus(Context& context, const Table& table) {
     Repaint screen(context.output);
     unsigned revision = 0;
+    bool isFirst = true;
     for (;;) {
         revision = context.session.revision(table.path());
         const DeviceStatus status = table.status();
-        if (context.output.isJson() || !isTerminal(Stream::output))
-            showStatus(context, status);
-        else
+        if (isTerminal(Stream::output) && !context.output.isJson()) {
             screen.show(statusLines(status));
+        } else {
+            if (!isFirst && !context.output.isJson())
+                context.output.line("");
+            showStatus(context, status);
+        }
+        isFirst = false;
         while (!context.session.waitForNewStatus(table.path(), revision, Session::Seconds(60)))
             table.status(); // says when it is gone
     }
@@ -88,7 +93,7 @@ std::string valueIn(const DeviceStatus& status, const std::string& key) {
 namespace commands {
 
 void list(Context& context) {
-    const std::vector<DeviceStatus> devices = discover(context);
+    const std::vector<DeviceStatus> devices = chosenDevices(context);
     if (devices.empty())
         std::fprintf(stderr, "tablectl: %s\n", noDeviceText().c_str());
     for (const DeviceStatus& status : devices) {

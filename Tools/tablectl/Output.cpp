@@ -2,6 +2,8 @@
 
 #include "Errors.h"
 
+#include <VellDevice/Utf8.h>
+
 #include <unistd.h>
 
 #include <cerrno>
@@ -35,7 +37,7 @@ Json& Json::add(std::string_view key, double value) {
 
 std::string Json::quote(std::string_view text) {
     std::string result = "\"";
-    for (const char character : text) {
+    for (const char character : VellService::validUtf8(std::string(text))) {
         if (character == '"' || character == '\\') {
             result += '\\';
             result += character;
@@ -78,6 +80,21 @@ std::string numberText(double value) {
 
 std::string numberText(float value) {
     return shortestText(value);
+}
+
+std::string numberText(int value) {
+    return shortestText(value);
+}
+
+void reportFailure(bool json, const std::string& text, int deviceCode) {
+    std::fprintf(stderr, "tablectl: %s\n", text.c_str());
+    if (!json)
+        return;
+    try {
+        Output(json).object(Json().add("event", "error").add("code", deviceCode).add("message", text));
+    } catch (const Failure&) {
+        // Nobody reads standard output any more.
+    }
 }
 
 } // namespace tablectl

@@ -41,5 +41,18 @@ private:
 // The shortest decimal form that reads back to the same number.
 std::string numberText(double value);
 std::string numberText(float value);
+std::string numberText(int value);
+
+template <class Numbers>
+std::string jsonArray(const Numbers& numbers) {
+    std::string text;
+    for (const auto number : numbers)
+        text += (text.empty() ? "" : ",") + numberText(number);
+    return "[" + text + "]";
+}
+
+// Tells why the program fails, on standard error and, with --json, as an object on standard output. The code
+// is that of the device's answer, if there was one.
+void reportFailure(bool json, const std::string& text, int deviceCode = 0);
 
 } // namespace tablectl

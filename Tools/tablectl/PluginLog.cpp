@@ -18,13 +18,20 @@ void PluginLog::update() {
     mUnfinished.erase(0, begin);
 }
 
+std::optional<bool> PluginLog::wasSpotRead(int row) const {
+    const auto found = mRows.find(row);
+    return found != mRows.end() ? std::optional(found->second) : std::nullopt;
+}
+
 void PluginLog::take(const std::string& line) {
     static const std::string kMeasuringRow = "advancedMeasure - measuring row ";
-    if (const std::size_t found = line.find(kMeasuringRow); found != std::string::npos)
+    if (const std::size_t found = line.find(kMeasuringRow); found != std::string::npos) {
         mRow = std::atoi(line.c_str() + found + kMeasuringRow.size());
-    else if (line.find("trying to scan using spot") != std::string::npos)
-        mSpotRows.insert(mRow);
-    else if (line.find(" WARNING [") != std::string::npos || line.find(" ERROR [") != std::string::npos)
+        mRows[mRow] = false;
+    } else if (line.find("trying to scan using spot") != std::string::npos) {
+        mRows[mRow] = true;
+    }
+    if (line.find(" WARNING [") != std::string::npos || line.find(" ERROR [") != std::string::npos)
         mWarnings.push_back(line);
 }
 

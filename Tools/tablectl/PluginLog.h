@@ -2,20 +2,22 @@
 
 #include <filesystem>
 #include <fstream>
-#include <set>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace tablectl {
 
 // What a plug-in writes to its log from now on, as far as a scan wants to know it: which rows it read patch
-// by patch after the strips had failed, and its warnings. A log that cannot be read tells nothing.
+// by patch after the strips had failed, and its warnings. A log that cannot be read, or that the plug-in
+// writes elsewhere or with less in it, tells nothing.
 class PluginLog {
 public:
     explicit PluginLog(const std::filesystem::path& file);
 
-    void update(); // reads what has been written meanwhile
-    bool wasSpotRead(int row) const { return mSpotRows.contains(row); }
+    void update();                                  // reads what has been written meanwhile
+    std::optional<bool> wasSpotRead(int row) const; // nothing when the log does not tell
     const std::vector<std::string>& warnings() const { return mWarnings; }
 
 private:
@@ -24,7 +26,7 @@ private:
     std::ifstream mStream;
     std::string mUnfinished; // the beginning of a line
     int mRow = -1;
-    std::set<int> mSpotRows;
+    std::map<int, bool> mRows; // those begun; true: read by spots
     std::vector<std::string> mWarnings;
 };
 

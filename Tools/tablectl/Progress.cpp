@@ -2,6 +2,7 @@
 
 #include "Terminal.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -11,6 +12,7 @@ namespace {
 
 constexpr int kShortestBar = 10;
 constexpr int kLongestBar = 40;
+constexpr int kSpotsRoom = 16; // kept free for the rows that are read by spots
 
 std::string fixed(double value, int decimals) {
     char text[64];
@@ -25,11 +27,15 @@ std::string clockText(double seconds) {
     return text;
 }
 
-std::string rowList(const std::vector<int>& rows) {
-    std::string text;
-    for (const int row : rows)
-        text += (text.empty() ? "" : ",") + std::to_string(row);
-    return text;
+// To the right, in a field of a fixed width.
+std::string padded(const std::string& text, std::size_t width) {
+    return std::string(width - std::min(width, text.size()), ' ') + text;
+}
+
+// "3/11", as long as "11/11".
+std::string share(int done, int all) {
+    const std::string total = std::to_string(all);
+    return padded(std::to_string(done), total.size()) + "/" + total;
 }
 
 std::string bar(const ProgressState& state, int length) {
@@ -51,23 +57,39 @@ double ProgressState::secondsLeft() const {
 }
 
 std::string progressLine(const ProgressState& state, int width) {
-    std::string text = "row " + std::to_string(state.rowsDone) + "/" + std::to_string(state.rows);
-    // Each part is added whole or not at all, so that a narrow line is still a readable one.
+    std::string text = "row " + share(state.rowsDone, state.rows);
+    bool fits = true;
     const auto add = [&](const std::string& part) {
-        if (std::ssize(text) + std::ssize(part) <= width)
+        fits = fits && std::ssize(text) + std::ssize(part) <= width;
+        if (fits)
             text += part;
     };
-    add("  " + std::to_string(state.patchesDone) + "/" + std::to_string(state.patches) + " patches");
-    if (state.secondsLeft() >= 0) {
-        add("  " + clockText(state.secondsLeft()) + " left");
-        add("  " + fixed(state.patchesPerSecond(), 1) + "/s");
+    const bool knowsPace = state.secondsLeft() >= 0;
+    add("  " + share(state.patchesDone, state.patches) + " patches");
+    add("  " + padded(knowsPace ? clockText(state.secondsLeft()) : "-:--", 6) + " left");
+    add("  " + padded(knowsPace ? fixed(state.patchesPerSecond(), 1) : "-", 6) + "/s");
+
+    int room = width - static_cast<int>(text.size());
+    if (room >= kSpotsRoom + kShortestBar + 3) {
+        const int length = std::min(room - kSpotsRoom - 3, kLongestBar);
+        text = bar(state, length) + text;
+        room -= length + 3;
     }
-    if (!state.spotRows.empty())
-        add("  spots in " + rowList(state.spotRows));
-    const int room = width - static_cast<int>(text.size()) - 3;
-    if (room >= kShortestBar)
-        text = bar(state, std::min(room, kLongestBar)) + text;
+    std::string spots = spotRowsText(state.spotRows);
+    if (std::ssize(spots) + 2 > room && !spots.empty())
+        spots = std::to_string(state.spotRows.size()) + " by spots";
+    if (std::ssize(spots) + 2 <= room && !spots.empty())
+        text += "  " + spots;
     return clipped(text, width);
+}
+
+std::string spotRowsText(const std::vector<int>& rows) {
+    if (rows.empty())
+        return {};
+    std::string text;
+    for (const int row : rows)
+        text += (text.empty() ? "" : ", ") + std::to_string(row);
+    return (rows.size() == 1 ? "row " : "rows ") + text + " by spots";
 }
 
 Progress::Progress(Output& output, int rows, int patches)
@@ -99,26 +121,32 @@ void Progress::begin() {
     tick();
 }
 
-void Progress::row(int row, int patches, bool spot) {
+void Progress::row(int row, int patches, std::optional<bool> spot, const std::string& readings) {
     mState.rowsDone++;
     mState.patchesDone += patches;
     mState.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - mBegin).count();
-    if (spot)
+    if (spot.value_or(false))
         mState.spotRows.push_back(row);
+    mState.knowsSpotRows = mState.knowsSpotRows && spot.has_value();
     if (mOutput.isJson()) {
-        mOutput.object(Json()
-                           .add("event", "row")
-                           .add("row", row)
-                           .add("patches", patches)
-                           .add("rowsDone", mState.rowsDone)
-                           .add("patchesDone", mState.patchesDone)
-                           .add("patchesPerSecond", mState.patchesPerSecond())
-                           .add("secondsLeft", mState.secondsLeft())
-                           .add("spot", spot));
+        Json json;
+        json.add("event", "row")
+            .add("row", row)
+            .add("patches", patches)
+            .add("rowsDone", mState.rowsDone)
+            .add("patchesDone", mState.patchesDone)
+            .add("patchesPerSecond", mState.patchesPerSecond())
+            .add("secondsLeft", mState.secondsLeft());
+        if (spot)
+            json.add("spot", *spot);
+        if (!readings.empty())
+            json.addRaw("readings", readings);
+        mOutput.object(json);
     } else if (mLive) {
         draw();
     } else {
-        std::fprintf(stderr, "row %d: %d patches%s\n", row, patches, spot ? ", by spots" : "");
+        std::fprintf(stderr, "row %d: %d patches%s\n", row, patches,
+                     spot.value_or(false) ? ", by spots" : "");
     }
 }
 
@@ -135,7 +163,8 @@ void Progress::end(const std::string& event, const std::string& text) {
                            .add("event", event)
                            .add("rowsDone", mState.rowsDone)
                            .add("patchesDone", mState.patchesDone)
-                           .add("seconds", mState.seconds));
+                           .add("seconds", mState.seconds)
+                           .addRaw("spotRows", jsonArray(mState.spotRows)));
         return;
     }
     clear();

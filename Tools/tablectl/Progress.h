@@ -3,6 +3,7 @@
 #include "Output.h"
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,13 +17,18 @@ struct ProgressState {
     int patches = 0;
     double seconds = 0;        // since the measurement began
     std::vector<int> spotRows; // those that were read patch by patch, though they were to be read as strips
+    bool knowsSpotRows = true; // false: there may be more of them
 
     double patchesPerSecond() const; // 0 before there is anything to go by
     double secondsLeft() const;      // below 0 before there is
 };
 
-// One line of at most `width` columns; what matters less is left out first.
+// One line of at most `width` columns; what matters less is left out first. All lines of a scan have the same
+// parts at the same places.
 std::string progressLine(const ProgressState& state, int width);
+
+// "row 8 by spots", "rows 8, 10 by spots", or "".
+std::string spotRowsText(const std::vector<int>& rows);
 
 // Shows how a scan goes, on standard error: a bar that is redrawn in place on a terminal, a line per row
 // otherwise. With --json the events are objects on standard output instead.
@@ -37,7 +43,9 @@ public:
 
     void step(const std::string& event, const std::string& text); // "calibrating", ...
     void begin();                                                 // the measurement begins
-    void row(int row, int patches, bool spot);
+    // `spot`: by spots, where strips were to be tried; nothing when that cannot be told. `readings`: JSON
+    // that goes with the event; "": none.
+    void row(int row, int patches, std::optional<bool> spot, const std::string& readings);
     void tick();
     void end(const std::string& event, const std::string& text);
 

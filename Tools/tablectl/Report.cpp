@@ -5,14 +5,11 @@
 
 #include <Color/Colorimetry.h>
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
 #include <fstream>
 #include <map>
 
@@ -21,14 +18,6 @@ namespace tablectl {
 namespace {
 
 using Spectrum = std::array<double, Color::kBands>;
-
-template <class Numbers>
-std::string jsonArray(const Numbers& numbers) {
-    std::vector<std::string> texts;
-    for (const auto number : numbers)
-        texts.push_back(numberText(number));
-    return "[" + join(texts, ",") + "]";
-}
 
 std::string jsonTexts(const std::vector<std::string>& texts) {
     std::vector<std::string> quoted;
@@ -130,6 +119,8 @@ std::string spotsText(const ReportContent& content) {
     std::vector<std::string> rows;
     for (const int row : content.spotRows)
         rows.push_back(std::to_string(row));
+    if (!content.spotRowsAreKnown)
+        rows.push_back(rows.empty() ? "not known" : "others not known");
     return rows.empty() ? "none" : join(rows, ", ");
 }
 
@@ -140,6 +131,8 @@ std::string conditionsJson(const ReportContent& content) {
         {"Measurement condition", withoutUltraviolet ? "M2" : "M0"},
         {"Rows measured", std::to_string(content.rows.size()) + " of " + std::to_string(content.layout.rows)},
         {"Rows read by spots", spotsText(content)}};
+    if (!content.failure.empty())
+        conditions.emplace_back("Ended early", content.failure);
     if (content.device) {
         conditions.emplace_back("Table", content.device->displayName + " " + content.device->serialNumber);
         conditions.emplace_back("Spectrophotometer", content.device->attribute("TaviProSerialNumber"));
@@ -175,17 +168,6 @@ std::string dataJson(const ReportContent& content) {
 
 } // namespace
 
-void checkReportFile(const std::string& file) {
-    const std::filesystem::path path(file);
-    const std::filesystem::path folder = path.has_parent_path() ? path.parent_path() : ".";
-    std::error_code ignored;
-    if (std::filesystem::is_directory(path, ignored))
-        errno = EISDIR;
-    else if (access((std::filesystem::exists(path, ignored) ? path : folder).c_str(), W_OK) == 0)
-        return;
-    throw DeviceFailure("cannot write " + file + ": " + std::strerror(errno));
-}
-
 void writeReport(const std::string& file, const ReportContent& content) {
     static const std::string kMark = "@DATA@";
     std::string page = kReportPage;
@@ -194,7 +176,7 @@ void writeReport(const std::string& file, const ReportContent& content) {
     stream << page;
     stream.close();
     if (!stream)
-        throw DeviceFailure("cannot write " + file + ": " + std::strerror(errno));
+        throw DeviceFailure(file + ": cannot be written: " + std::strerror(errno));
 }
 
 } // namespace tablectl

@@ -16,11 +16,10 @@ struct ReportContent {
     const std::vector<Row>& rows;
     bool spotsWereAskedFor;
     const std::vector<int>& spotRows; // where strips failed
+    bool spotRowsAreKnown;            // false: there may be more of them
     const std::vector<std::string>& warnings;
+    std::string failure; // "": the scan was whole
 };
-
-// Throws DeviceFailure when a report cannot be written there. Better before a long scan than after it.
-void checkReportFile(const std::string& file);
 
 // Writes a self-contained page: the chart as it lies on the table, measured beside reference, with colour
 // differences. Throws DeviceFailure when the file cannot be written.

@@ -1,6 +1,7 @@
 #include "Scan.h"
 
 #include "Errors.h"
+#include "Files.h"
 #include "HardwareFile.h"
 #include "Report.h"
 
@@ -21,7 +22,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr Session::Seconds kRedraw{0.5};
-constexpr Session::Seconds kCalibrationOfOthers{300};
 // A strip that is under way is finished before the device looks at a cancellation.
 constexpr Session::Seconds kCancellation{60};
 
@@ -33,7 +33,7 @@ int patchesInRows(const Color::ChartLayout& layout, int first, int last) {
 }
 
 std::filesystem::path temporaryFile() {
-    std::string name = (std::filesystem::temp_directory_path() / "tablectl-measured-XXXXXX").string();
+    std::string name = (temporaryFolder() / "tablectl-measured-XXXXXX").string();
     const int descriptor = mkstemp(name.data());
     if (descriptor < 0)
         throw DeviceFailure("cannot make a file " + name);
@@ -90,7 +90,8 @@ void Scan::run() {
     try {
         prepare();
         measure();
-    } catch (const Failure&) {
+    } catch (const Failure& failure) {
+        mFailure = failure.what();
         abandon();
         try {
             finish();
@@ -103,8 +104,10 @@ void Scan::run() {
 }
 
 void Scan::prepare() {
-    if (mRequest.lowResolution)
+    if (mRequest.lowResolution && mTable.status().attribute("LowResolutionScan") != "yes") {
         setLowResolution(true);
+        mLowResolutionIsOurs = true;
+    }
     if (mTable.status().mode != "ScanningReflectance")
         mTable.call({"SetMode", {{"Mode", "ScanningReflectance"}}});
     calibrate();
@@ -113,20 +116,13 @@ void Scan::prepare() {
                   withoutUltraviolet ? Color::MeasurementCondition::M2 : Color::MeasurementCondition::M0);
 }
 
+// Another client's calibration is over: the device has answered since.
 void Scan::calibrate() {
-    const auto settled = [&](const auto&) {
-        const auto status = mTable.session().status(mTable.path());
-        return !status || status->calibrationStatus != -1;
-    };
     if (mTable.status().calibrationStatus == 1)
         return;
     mProgress.step("calibrating", "calibrating");
-    if (mTable.status().calibrationStatus == -1)
-        mTable.session().waitUntil(settled, kCalibrationOfOthers);
-    if (mTable.status().calibrationStatus != 1) {
-        mMoved = true;
-        mTable.call({"Calibrate", {}});
-    }
+    mMoved = true;
+    mTable.call({"Calibrate", {}});
 }
 
 void Scan::setLowResolution(bool on) {
@@ -180,8 +176,11 @@ void Scan::take(const Reply& reply) {
     Row row = rowOf(reply, mLayout);
     mSink->add(row);
     mLog.update();
-    const bool spot = !mRequest.spotReadings && mLog.wasSpotRead(row.row);
-    mProgress.row(row.row, patchesInRow(mLayout, row.row), spot);
+    // Somebody who wants JSON and no file gets the readings with the event.
+    const bool wantsReadings = mContext.output.isJson() && mSink->isOwn();
+    mProgress.row(row.row, patchesInRow(mLayout, row.row),
+                  mRequest.spotReadings ? std::optional(false) : mLog.wasSpotRead(row.row),
+                  wantsReadings ? readingsJson(row, mLayout) : "");
     mRows.push_back(std::move(row));
 }
 
@@ -208,22 +207,26 @@ void Scan::abandon() {
 void Scan::finish() {
     const Session::CleanUp cleanUp(mTable.session());
     try {
-        if (mRequest.lowResolution)
+        if (mLowResolutionIsOurs)
             setLowResolution(false);
     } catch (const Failure&) {
         // The device is gone or does not settle; the setting matters to nobody then.
     }
     const ProgressState& state = mProgress.state();
-    const std::string rows = std::to_string(state.rowsDone) + " of " + std::to_string(state.rows) +
-                             " rows, " + std::to_string(state.patchesDone) + " patches measured";
-    mProgress.end(isComplete() ? "done" : "incomplete",
-                  rows + (mSink && !mRequest.outputFile.empty() ? ", in " + mRequest.outputFile : ""));
+    std::string text = std::to_string(state.rowsDone) + " of " + std::to_string(state.rows) + " rows, " +
+                       std::to_string(state.patchesDone) + " patches measured";
+    if (!state.spotRows.empty())
+        text += ", " + spotRowsText(state.spotRows);
+    if (mSink && !mSink->isOwn())
+        text += ", in " + mRequest.outputFile;
+    mProgress.end(isComplete() ? "done" : "incomplete", text);
     if (mSink && !mContext.output.isJson())
         mSink->copyTo(mContext.output);
+    mLog.update();
     if (!mRequest.reportFile.empty() && !mRows.empty())
-        writeReport(mRequest.reportFile,
-                    {mLayout, mTable.session().status(mTable.path()), mRows,
-                     mRequest.spotReadings.has_value(), state.spotRows, mLog.warnings()});
+        writeReport(mRequest.reportFile, {mLayout, mTable.session().status(mTable.path()), mRows,
+                                          mRequest.spotReadings.has_value(), state.spotRows,
+                                          state.knowsSpotRows, mLog.warnings(), mFailure});
 }
 
 namespace {
@@ -244,17 +247,29 @@ std::pair<int, int> rowRange(const std::string& text, const Color::ChartLayout& 
     return {first, last};
 }
 
+// The files that a scan writes, before anything moves: they can be written, and nothing is lost by it.
+void checkFiles(const ScanRequest& request) {
+    for (const std::string& file : {request.outputFile, request.reportFile}) {
+        if (file.empty())
+            continue;
+        if (isSameFile(file, request.layoutFile))
+            throw UsageFailure(file + ": the scan would replace the layout");
+        checkWritable(file);
+    }
+    if (!request.reportFile.empty() && isSameFile(request.outputFile, request.reportFile))
+        throw UsageFailure(request.reportFile + ": the report would replace the measurement");
+}
+
 } // namespace
 
 void commands::scan(Context& context, const ScanRequest& request) {
     const Color::ChartLayout layout = readLayout(request.layoutFile);
     const std::pair<int, int> rows = rowRange(request.rows, layout);
-    if (!request.reportFile.empty())
-        checkReportFile(request.reportFile);
+    checkFiles(request);
     const Table table = Table::find(context);
+    const DeviceLock lock(table);
     if (context.options.timeScale && !context.simulation)
         setTimeScale(table.path(), *context.options.timeScale);
-    const DeviceLock lock(table);
     Scan(context, table, request, layout, rows).run();
 }
 

@@ -29,6 +29,7 @@ public:
 
     void add(const Row& row);          // throws DeviceFailure when the file cannot take it
     void copyTo(Output& output) const; // nothing for a file of the user's
+    bool isOwn() const { return mOwn; }
 
 private:
     bool mOwn;
@@ -36,8 +37,8 @@ private:
     std::unique_ptr<Color::MeasurementFile> mMeasurements;
 };
 
-// One scan of a chart: prepares the device, measures, and leaves the head at home and the device as it was,
-// whichever way the scan ends. The caller holds the device lock.
+// One scan of a chart: prepares the device, measures, and leaves the head at home and the resolution as it
+// was, whichever way the scan ends; the mode stays the scanning one. The caller holds the device lock.
 class Scan {
 public:
     // `rows`: the first and the last.
@@ -62,6 +63,7 @@ private:
     const Table& mTable;
     const ScanRequest& mRequest;
     const Color::ChartLayout& mLayout;
+    std::string mFailure; // "": the scan goes well
     int mFirstRow;
     int mLastRow;
     Progress mProgress;
@@ -70,6 +72,7 @@ private:
     std::optional<Exchange> mExchange; // the measurement under way
     int mOwed = 0;                     // replies that it still owes
     bool mMoved = false;               // the head is no longer where the scan found it
+    bool mLowResolutionIsOurs = false; // and was off before
     std::vector<Row> mRows;
 };
 

@@ -108,6 +108,15 @@ bool Session::waitUntil(const std::function<bool(const std::vector<DeviceStatus>
     return waitLocked(lock, timeout, [&] { return predicate(statusesLocked()); });
 }
 
+bool Session::waitUntil(const std::string& path, const std::function<bool(const DeviceStatus*)>& predicate,
+                        Seconds timeout) {
+    std::unique_lock lock(mMutex);
+    return waitLocked(lock, timeout, [&] {
+        const auto found = mDevices.find(path);
+        return predicate(found != mDevices.end() ? &found->second.status : nullptr);
+    });
+}
+
 unsigned Session::revision(const std::string& path) {
     const std::lock_guard lock(mMutex);
     const auto found = mDevices.find(path);

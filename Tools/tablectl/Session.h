@@ -42,8 +42,11 @@ public:
     std::vector<DeviceStatus> devices();
     std::optional<DeviceStatus> status(const std::string& path); // nothing when the device is gone
     // Waits until the predicate holds for what is there: checked at once and after each change. False: time
-    // is up.
+    // is up. The predicate must not ask the session for anything.
     bool waitUntil(const std::function<bool(const std::vector<DeviceStatus>&)>& predicate, Seconds timeout);
+    // The same for one device; null when it is gone.
+    bool waitUntil(const std::string& path, const std::function<bool(const DeviceStatus*)>& predicate,
+                   Seconds timeout);
     // Waits for the next status that the device at `path` posts after `revision`, a count of its posts.
     // Nothing when time is up or the device is gone.
     unsigned revision(const std::string& path);

@@ -14,12 +14,17 @@ namespace tablectl {
 
 namespace {
 
-// A file name for a device path.
+// A new file's name for a device path, like it.
 std::filesystem::path fileFor(const std::string& devicePath) {
     std::string name;
     for (const char character : devicePath)
         name += std::isalnum(static_cast<unsigned char>(character)) ? character : '_';
-    return std::filesystem::path(VellService::hardwareFolderPath()) / (name + ".plist");
+    std::filesystem::path file;
+    do {
+        file = std::filesystem::path(VellService::hardwareFolderPath()) / (name + ".plist");
+        name += '_';
+    } while (std::filesystem::exists(file)); // of another path
+    return file;
 }
 
 HardwareFile attached(const std::string& devicePath) {
@@ -35,8 +40,9 @@ HardwareFile attached(const std::string& devicePath) {
 HardwareFile chosenFile(const Context& context) {
     const std::string& wanted = context.options.device;
     std::vector<HardwareFile> files = HardwareFile::all();
-    std::erase_if(files,
-                  [&](const HardwareFile& file) { return !wanted.empty() && file.devicePath() != wanted; });
+    std::erase_if(files, [&](const HardwareFile& file) {
+        return !wanted.empty() && file.devicePath() != wanted && file.serialNumber() != wanted;
+    });
     if (files.empty())
         throw NoDevice((wanted.empty() ? "no" : "no such") + std::string(" virtual instrument in ") +
                        VellService::hardwareFolderPath() + "; `simulate --attach PATH` makes one");

@@ -2,9 +2,11 @@
 
 #include "Chart.h"
 #include "Errors.h"
+#include "Files.h"
 #include "HardwareFile.h"
 
 #include <stdlib.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,9 +19,12 @@ namespace tablectl {
 namespace {
 
 constexpr std::chrono::seconds kServiceEnd{20};
+constexpr std::size_t kLongestFolder = sizeof(sockaddr_un::sun_path) - sizeof "/12345678.sock";
 
 std::filesystem::path makeTemporaryFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "tablectl-XXXXXX").string();
+    std::string name = (temporaryFolder() / "tablectl-XXXXXX").string();
+    if (name.size() > kLongestFolder)
+        throw DeviceFailure("the folder for temporary files has too long a name for sockets: " + name);
     if (!mkdtemp(name.data()))
         throw DeviceFailure("cannot make a folder " + name + ": " + std::strerror(errno));
     return name;
@@ -28,14 +33,15 @@ std::filesystem::path makeTemporaryFolder() {
 } // namespace
 
 Simulation::Simulation(const Options& options) {
-    readLayout(options.simulated); // an unreadable one is reported here, not from inside the plug-in
+    const std::string layout = options.simulated.value();
+    readLayout(layout); // an unreadable one is reported here, not from inside the plug-in
     mFolder = makeTemporaryFolder();
     try {
         setenv("VELL_RUNTIME_DIR", mFolder.c_str(), 1);
         setenv("VELL_HARDWARE_DIR", (mFolder / "hardware").c_str(), 1);
         std::filesystem::create_directory(mFolder / "hardware");
         HardwareFile table = HardwareFile::make(mFolder / "hardware" / "table.plist", "usb:virtual-table");
-        table.set("Chart", std::filesystem::absolute(options.simulated).string());
+        table.set("Chart", std::filesystem::absolute(layout).string());
         table.set("TimeScale", options.timeScale.value_or(1));
         table.set("Noise", options.noise);
         table.save();

@@ -21,6 +21,9 @@ constexpr Session::Seconds kDiscovery{2};
 constexpr Session::Seconds kSimulationStart{60};
 constexpr Session::Seconds kStatusReply{10};
 constexpr Session::Seconds kUnlockReply{5};
+constexpr Session::Seconds kDeparture{1};
+constexpr int kLocked = -1022;
+constexpr int kMeasureCancelled = -1023;
 constexpr double kRenewLockEvery = 10; // the device drops a lock after 30 seconds of silence
 
 std::size_t socketCount() {
@@ -36,24 +39,15 @@ bool matches(const DeviceStatus& status, const std::string& wanted) {
            wanted == status.serialNumber;
 }
 
-// True for the codes that come from the instrument, whose own text says more than the code.
-bool comesFromInstrument(int code) {
-    static constexpr int kOwnCodes[] = {-1, -1022, -1023, 4, 5, 6, 7, 8, 11, 13, 15, 22, 23, 35, 47};
-    return std::find(std::begin(kOwnCodes), std::end(kOwnCodes), code) == std::end(kOwnCodes);
-}
-
 std::string processText(const std::string& identifier) {
     std::string name;
     std::getline(std::ifstream("/proc/" + identifier + "/comm"), name);
-    return "process " + identifier + (name.empty() ? "" : " (" + name + ")");
+    return "process " + identifier +
+           (name.empty() ? ", which has ended: for up to 30 seconds" : " (" + name + ")");
 }
 
-} // namespace
-
-bool isBusy(int code) {
-    return code == 23 || code == 4 || code == 5;
-}
-
+// Waits a moment for the plug-ins of the runtime folder to show themselves; with --simulated, until its table
+// has.
 std::vector<DeviceStatus> discover(Context& context) {
     if (context.simulation) {
         const auto isThere = [](const auto& devices) { return !devices.empty(); };
@@ -74,6 +68,12 @@ std::vector<DeviceStatus> discover(Context& context) {
     return context.session.devices();
 }
 
+} // namespace
+
+bool isBusy(int code) {
+    return code == 23 || code == 4 || code == 5;
+}
+
 std::string noDeviceText() {
     return "no device in " + VellService::runtimeFolderPath() +
            (socketCount() > 0 ? ": the plug-in there has not connected its table yet"
@@ -82,15 +82,19 @@ std::string noDeviceText() {
 
 Table::Table(Session& session, std::string path) : mSession(session), mPath(std::move(path)) {}
 
-Table Table::find(Context& context) {
+std::vector<DeviceStatus> chosenDevices(Context& context) {
     const std::string& wanted = context.options.device;
     std::vector<DeviceStatus> devices = discover(context);
     std::erase_if(devices, [&](const DeviceStatus& status) { return !matches(status, wanted); });
-    if (devices.empty()) {
-        if (!wanted.empty())
-            throw NoDevice("no such device: " + wanted);
+    if (devices.empty() && !wanted.empty())
+        throw NoDevice("no such device: " + wanted);
+    return devices;
+}
+
+Table Table::find(Context& context) {
+    const std::vector<DeviceStatus> devices = chosenDevices(context);
+    if (devices.empty())
         throw NoDevice(noDeviceText());
-    }
     if (devices.size() > 1) {
         std::string paths;
         for (const DeviceStatus& status : devices)
@@ -110,9 +114,14 @@ DeviceStatus Table::status() const {
 void Table::check(const Command& command, const Reply& reply) const {
     if (reply.code == 0)
         return;
-    std::string text =
-        comesFromInstrument(reply.code) && !reply.message.empty() ? reply.message : meaningOfCode(reply.code);
-    if (reply.code == -1022) {
+    std::string text = meaningOf(reply.code, reply.message);
+    if (reply.code == kMeasureCancelled) {
+        // A device that goes away cancels what it does.
+        mSession.waitUntil(
+            mPath, [](const DeviceStatus* status) { return !status; }, kDeparture);
+        status(); // says so
+    }
+    if (reply.code == kLocked) {
         if (const auto status = mSession.status(mPath); status && !status->lockHolder.empty())
             text += ", " + processText(status->lockHolder);
     }

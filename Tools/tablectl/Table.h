@@ -14,9 +14,9 @@ bool isBusy(int code);
 constexpr Session::Seconds kBusyRetry{5};
 constexpr Session::Seconds kBusyPause{0.1};
 
-// Waits a moment for the plug-ins of the runtime folder to show themselves; with --simulated, until its table
-// has.
-std::vector<DeviceStatus> discover(Context& context);
+// The devices that are there, after a moment in which they may show themselves: all, or those that were
+// named. Throws NoDevice when there is none of that name.
+std::vector<DeviceStatus> chosenDevices(Context& context);
 
 // Where devices were looked for in vain, and what may be missing.
 std::string noDeviceText();

@@ -15,26 +15,17 @@
 namespace tablectl {
 namespace {
 
-// Runs the command and reports how it failed. Command's thread.
-int perform(const CommandLine& line, Context& context) {
+// The exit status of the work, after a report of how it failed.
+template <class Work>
+int statusOf(bool json, Work work) {
     try {
-        line.command(context);
-        return 0;
+        return work();
     } catch (const Failure& failure) {
         const auto* refused = dynamic_cast<const DeviceFailure*>(&failure);
-        std::fprintf(stderr, "tablectl: %s\n", failure.what());
-        try {
-            if (context.output.isJson())
-                context.output.object(Json()
-                                          .add("event", "error")
-                                          .add("code", refused ? refused->deviceCode : 0)
-                                          .add("message", failure.what()));
-        } catch (const Failure&) {
-            // Nobody reads standard output any more.
-        }
+        reportFailure(json, failure.what(), refused ? refused->deviceCode : 0);
         return failure.exitStatus;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "tablectl: %s\n", error.what());
+        reportFailure(json, error.what());
         return 1;
     }
 }
@@ -53,7 +44,7 @@ int run(const CommandLine& line) {
             early = signal;
     });
     std::unique_ptr<Simulation> simulation;
-    if (!options.simulated.empty())
+    if (options.simulated)
         simulation = std::make_unique<Simulation>(options);
 
     Session here;
@@ -67,7 +58,10 @@ int run(const CommandLine& line) {
     Context context{options, here, output, simulation.get()};
     int status = 0;
     std::thread command([&] {
-        status = perform(line, context);
+        status = statusOf(options.json, [&] {
+            line.command(context);
+            return 0;
+        });
         here.finish();
     });
     here.run();
@@ -86,15 +80,9 @@ int main(int argc, char** argv) {
     CommandLine line;
     if (const auto status = readCommandLine(argc, argv, line))
         return *status;
-    try {
+    return statusOf(line.options.json, [&] {
         if (!line.runtimeFolder.empty())
             setenv("VELL_RUNTIME_DIR", std::filesystem::absolute(line.runtimeFolder).c_str(), 1);
         return run(line);
-    } catch (const Failure& failure) {
-        std::fprintf(stderr, "tablectl: %s\n", failure.what());
-        return failure.exitStatus;
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "tablectl: %s\n", error.what());
-        return 1;
-    }
+    });
 }

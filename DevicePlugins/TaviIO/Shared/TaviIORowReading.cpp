@@ -153,7 +153,7 @@ TaviIO::RowOutcome TaviIO::readRowBySpots(RowReading& reading) {
     if (reading.isCancelled())
         return RowOutcome::cancelled;
     toggleReversed();
-    VellLogInfo("Error scanning, trying to scan using spot\n");
+    VellLogInfo("Error scanning, trying to scan using spot\n"); // programs tell these rows by it
     const int first = reading.firstColumn();
     VellLogInfo("numColumnsExpeted: %d, firstColumToScan: %d\n", reading.columnCount(), first);
     {
