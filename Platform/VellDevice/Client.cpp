@@ -67,7 +67,7 @@ void Client::requestSearch() {
 
 void Client::beginSearch() {
     mFolder = runtimeFolderPath();
-    mWatch = std::make_unique<FolderWatch>(mLoop, mFolder, ensureRuntimeFolder,
+    mWatch = std::make_unique<FolderWatch>(mLoop, mFolder, checkRuntimeFolder,
                                            [this](const std::set<std::string>&) { look(); });
     mWatch->start();
 }

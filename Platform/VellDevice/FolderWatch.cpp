@@ -37,8 +37,8 @@ void FolderWatch::start() {
 }
 
 bool FolderWatch::watch() {
-    std::string problem = mEnsure().value_or("");
-    if (problem.empty()) {
+    std::optional<std::string> problem = mEnsure();
+    if (!problem) {
         try {
             mNotifier.reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
             if (!mNotifier || inotify_add_watch(mNotifier.get(), mFolder.c_str(), kChanges) < 0)
@@ -50,9 +50,9 @@ bool FolderWatch::watch() {
             problem = "cannot watch " + mFolder + ": " + error.what();
         }
     }
-    if (!mComplained)
-        VellLogWarning("[FolderWatch] - %s\n", problem.c_str());
-    mComplained = true;
+    if (!mComplained && !problem->empty())
+        VellLogWarning("[FolderWatch] - %s\n", problem->c_str());
+    mComplained = !problem->empty();
     return false;
 }
 

@@ -12,9 +12,9 @@
 
 namespace VellService {
 
-// Tells its owner whenever the entries of a folder may have changed, the first time as soon as it watches. A
-// folder that is missing, or goes, is made by `ensure` (which answers why it cannot be) and tried again every
-// second. The loop's thread only.
+// Tells its owner whenever the entries of a folder may have changed, the first time as soon as it watches.
+// The folder is first made or looked at by `ensure`, which answers why it cannot be watched ("": it is only
+// not there yet); then, and when it goes, that is tried again every second. The loop's thread only.
 class FolderWatch {
 public:
     // `gone` are the names of entries that have left since the last call, even if they are there again by

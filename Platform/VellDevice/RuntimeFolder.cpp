@@ -30,6 +30,14 @@ std::optional<std::string> makeFolder(const std::string& path) {
     return std::nullopt;
 }
 
+// Without a slash at its end, which would follow a link.
+std::string runtimeFolderItself() {
+    std::string path = runtimeFolderPath();
+    while (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    return path;
+}
+
 } // namespace
 
 std::string runtimeFolderPath() {
@@ -52,15 +60,11 @@ std::string logFolderPath() {
     return path.empty() ? runtimeFolderPath() + "/log" : path;
 }
 
-std::optional<std::string> ensureRuntimeFolder() {
-    std::string path = runtimeFolderPath();
-    while (path.size() > 1 && path.back() == '/')
-        path.pop_back(); // or a link would be followed
-    if (auto problem = makeFolder(path))
-        return problem;
+std::optional<std::string> checkRuntimeFolder() {
+    const std::string path = runtimeFolderItself();
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0)
-        return "cannot look at " + path + ": " + errorText();
+        return errno == ENOENT ? "" : "cannot look at " + path + ": " + errorText();
     if (!S_ISDIR(status.st_mode))
         return path + " is not a folder";
     if (status.st_uid != geteuid())
@@ -68,7 +72,18 @@ std::optional<std::string> ensureRuntimeFolder() {
     // A folder that is open to others by intention, such as /tmp, is none to take over.
     if (status.st_mode & S_ISVTX)
         return path + " is shared with other users";
-    if ((status.st_mode & 0777) != 0700 && chmod(path.c_str(), 0700) != 0)
+    return std::nullopt;
+}
+
+std::optional<std::string> ensureRuntimeFolder() {
+    const std::string path = runtimeFolderItself();
+    if (auto problem = makeFolder(path))
+        return problem;
+    if (auto problem = checkRuntimeFolder())
+        return problem->empty() ? path + " is gone again" : problem;
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0 && (status.st_mode & 0777) != 0700 &&
+        chmod(path.c_str(), 0700) != 0)
         return "cannot make " + path + " private: " + errorText();
     return std::nullopt;
 }

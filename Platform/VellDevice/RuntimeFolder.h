@@ -19,7 +19,10 @@ std::string logFolderPath();      // $VELL_LOG_DIR, else "log" in the runtime fo
 // Makes the folder where it is missing. Nothing on success, else why not, as a sentence for a log line or a
 // user.
 std::optional<std::string> ensureRuntimeFolder();
-// The same for a folder in the runtime folder or one that the user has named.
+// For a process that only looks into it: changes nothing. Nothing when the folder is fit, "" when there is
+// none (yet), else why it is not.
+std::optional<std::string> checkRuntimeFolder();
+// As ensureRuntimeFolder, for a folder in the runtime folder or one that the user has named.
 std::optional<std::string> ensureFolder(const std::string& path);
 
 } // namespace VellService

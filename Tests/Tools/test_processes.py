@@ -495,7 +495,8 @@ class UnwritableTest(ProcessesTest):
                 _, error = service.communicate()
                 self.assertEqual(service.returncode, 1)
                 self.assertIn(problem, error)
-                self.assertIn(problem, self.hurried_tablectl("--runtime-dir", folder, "status", status=3))
+                told = self.hurried_tablectl("--runtime-dir", folder, "status", status=3)
+                self.assertIn("no device in " + folder if folder == "/proc/nowhere" else problem, told)
                 plugin = self.start("vell-plugin-host", self.table, self.bundle, stderr=subprocess.PIPE,
                                     environment={"VELL_RUNTIME_DIR": folder})
                 self.assertIn(problem, plugin.stderr.readline())
@@ -503,6 +504,15 @@ class UnwritableTest(ProcessesTest):
                 plugin.communicate()
                 self.assertEqual(plugin.returncode, -signal.SIGTERM)
         self.assertEqual(os.listdir(theirs), [])
+
+    def test_a_client_changes_no_folder(self):
+        mine = self.path("mine")
+        os.mkdir(mine, 0o755)
+        for folder in (mine, self.path("missing")):
+            told = self.hurried_tablectl("--runtime-dir", folder, "status", status=3)
+            self.assertEqual(told, f"tablectl: no device in {folder}; is vell-service running, and a table attached?\n")
+        self.assertEqual(os.stat(mine).st_mode & 0o777, 0o755)
+        self.assertFalse(os.path.exists(self.path("missing")))
 
 
 class FullDiskTest(ProcessesTest):
