@@ -1,9 +1,12 @@
 #include "RuntimeFolder.h"
 
+#include "Values.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -58,6 +61,13 @@ std::string hardwareFolderPath() {
 std::string logFolderPath() {
     const std::string path = environment("VELL_LOG_DIR");
     return path.empty() ? runtimeFolderPath() + "/log" : path;
+}
+
+std::string socketPath(const std::string& devicePath) {
+    const auto source = Ref<__VellString>::adopt(VellStringCreateWithCString(devicePath.c_str()));
+    char name[16];
+    std::snprintf(name, sizeof name, "%08x.sock", VellHash(source.get()));
+    return runtimeFolderPath() + "/" + name;
 }
 
 std::optional<std::string> checkRuntimeFolder() {

@@ -1,5 +1,7 @@
 #include "Server.h"
 
+#include "RuntimeFolder.h"
+
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -8,7 +10,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <stdexcept>
 
 namespace VellService {
@@ -20,12 +21,6 @@ constexpr CFTimeInterval kRepeatPause = 0.1;
 constexpr CFTimeInterval kListenPause = 1.0;
 constexpr std::chrono::milliseconds kFlushTime{1000};
 constexpr int kFlushPause = 5; // milliseconds
-
-std::string socketName(const __VellString& source) {
-    char name[16];
-    std::snprintf(name, sizeof name, "%08x", VellHash(const_cast<__VellString*>(&source)));
-    return name;
-}
 
 // There is no way on with these until something is given back.
 bool isShortage(int error) {
@@ -42,25 +37,25 @@ Server::~Server() {
 }
 
 void Server::listen(const __VellString& source) {
-    const std::string name = socketName(source);
+    const std::string path = socketPath(source.text);
     {
         const std::lock_guard lock(mMutex);
         if (mListener) {
             VellLogError("[Server] - already listening on %s\n", mListener->socket.path().c_str());
             return;
         }
-        mName = name;
+        mPath = path;
     }
-    if (const auto problem = tryToListen(name)) {
+    if (const auto problem = tryToListen(path)) {
         VellLogError("[Server] - no clients for '%s': %s\n", source.text.c_str(), problem->c_str());
         mListenPause.start(kListenPause, [this] { listenAgain(); });
     }
 }
 
 // What is in the way; nothing when the plug-in listens, or is not to listen any more.
-std::optional<std::string> Server::tryToListen(const std::string& name) {
+std::optional<std::string> Server::tryToListen(const std::string& path) {
     try {
-        const auto listener = std::make_shared<Listener>(name);
+        const auto listener = std::make_shared<Listener>(path);
         listener->source = std::make_unique<CoreFoundation::FileSource>(
             mLoop, listener->socket.descriptor(), EPOLLIN,
             [this, weak = std::weak_ptr(listener)](std::uint32_t) {
@@ -68,7 +63,7 @@ std::optional<std::string> Server::tryToListen(const std::string& name) {
                     acceptClients(strong);
             });
         const std::lock_guard lock(mMutex);
-        if (mName != name)
+        if (mPath != path)
             return std::nullopt; // closed meanwhile
         VellLogInfo("[Server] - listening on %s\n", listener->socket.path().c_str());
         mListener = listener;
@@ -79,12 +74,12 @@ std::optional<std::string> Server::tryToListen(const std::string& name) {
 }
 
 void Server::listenAgain() {
-    std::optional<std::string> name;
+    std::optional<std::string> path;
     {
         const std::lock_guard lock(mMutex);
-        name = mName;
+        path = mPath;
     }
-    if (name && tryToListen(*name))
+    if (path && tryToListen(*path))
         mListenPause.start(kListenPause, [this] { listenAgain(); });
 }
 
@@ -236,7 +231,7 @@ void Server::close() {
     std::shared_ptr<Listener> listener;
     {
         const std::lock_guard lock(mMutex);
-        mName.reset();
+        mPath.reset();
         listener.swap(mListener);
     }
     if (listener)

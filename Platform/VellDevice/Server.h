@@ -42,12 +42,12 @@ public:
 private:
     // What one listen makes and one close ends.
     struct Listener {
-        explicit Listener(const std::string& name) : socket(name) {}
+        explicit Listener(const std::string& path) : socket(path) {}
         ServerSocket socket;
         std::unique_ptr<CoreFoundation::FileSource> source; // the loop's thread only
     };
 
-    std::optional<std::string> tryToListen(const std::string& name);
+    std::optional<std::string> tryToListen(const std::string& path);
     void listenAgain();
     void acceptClients(const std::shared_ptr<Listener>& listener);
     void admit(CoreFoundation::FileDescriptor socket);
@@ -67,7 +67,7 @@ private:
 
     // Guards the fields below, so that every client sees posts in one order. Taken before a channel's lock.
     mutable std::mutex mMutex;
-    std::optional<std::string> mName; // to listen under, until close
+    std::optional<std::string> mPath; // of the socket to listen at, until close
     std::shared_ptr<Listener> mListener;
     std::map<ConnectionIdentifier, std::shared_ptr<FrameChannel>> mClients;
     ConnectionIdentifier mLastClient = kOwnConnection;

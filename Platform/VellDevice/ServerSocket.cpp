@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <system_error>
 
@@ -77,17 +78,15 @@ sockaddr_un socketAddress(const std::string& path) {
     return address;
 }
 
-ServerSocket::ServerSocket(const std::string& name) {
+ServerSocket::ServerSocket(const std::string& path) : mPath(path) {
     if (const auto problem = ensureRuntimeFolder())
         throw std::runtime_error(*problem);
-    const std::string folder = runtimeFolderPath();
-    mPath = folder + "/" + name + ".sock";
     socketAddress(mPath); // refuse early
-    const FolderLock lock(folder);
+    const FolderLock lock(runtimeFolderPath());
     if (answers(mPath))
         throw std::runtime_error(mPath + " belongs to a process that is running");
     // Clients see the socket only when it listens: it comes into the folder under another name.
-    const std::string hidden = folder + "/" + name + ".new";
+    const std::string hidden = std::filesystem::path(mPath).replace_extension(".new");
     unlink(hidden.c_str());
     const sockaddr_un address = socketAddress(hidden);
     mSocket = newSocket();

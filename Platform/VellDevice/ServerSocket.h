@@ -14,12 +14,13 @@ namespace VellService {
 // The address of a Unix socket; throws std::runtime_error when the path is longer than the system allows.
 sockaddr_un socketAddress(const std::string& path);
 
-// A listening Unix socket at a path in the runtime folder. A socket that a dead process left there is
-// replaced, one that answers is not; two processes that start at once do not both believe to be first.
+// A listening Unix socket in the runtime folder, which is made when it is missing. A socket that a dead
+// process left there is replaced, one that answers is not; two processes that start at once do not both
+// believe to be first.
 class ServerSocket {
 public:
     // Throws std::runtime_error with the reason as a sentence.
-    explicit ServerSocket(const std::string& name);
+    explicit ServerSocket(const std::string& path);
     ~ServerSocket();
     ServerSocket(const ServerSocket&) = delete;
     ServerSocket& operator=(const ServerSocket&) = delete;

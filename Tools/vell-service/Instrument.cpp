@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 #include <system_error>
 #include <utility>
 
@@ -106,10 +105,7 @@ void Instrument::signal(int number) {
 
 // A process that a signal ended could not remove its socket, and clients would go on trying it.
 void Instrument::removeSocket() const {
-    const auto path = tools::makeString(mPath);
-    char name[32];
-    std::snprintf(name, sizeof name, "%08x.sock", VellHash(path.get()));
-    unlink((VellService::runtimeFolderPath() + "/" + name).c_str());
+    unlink(VellService::socketPath(mPath).c_str());
 }
 
 } // namespace service
