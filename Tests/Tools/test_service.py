@@ -137,9 +137,16 @@ class ServiceTest(ToolsTest):
 
     def test_usage(self):
         for arguments, status in ((["--help"], 0), (["--version"], 0), (["--nonsense"], 2), (["extra"], 2),
-                                  (["--restart-pause", "x"], 2), (["--bundle", self.folder], 1)):
+                                  (["--bundle", self.folder], 1)):
             process = self.start("vell-service", *arguments, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             self.assertEqual(process.wait(60), status, arguments)
+        for option, values in {"--restart-pause": ("", "x", "-1", "1s", "nan"), "--temporary": ("", "abc", "0", "1x"),
+                               "--runtime-dir": ("",), "--hardware-dir": ("",), "--bundle": ("",)}.items():
+            for value in values:
+                process = self.start("vell-service", option, value, stderr=subprocess.PIPE)
+                _, error = process.communicate(timeout=60)
+                self.assertEqual(process.returncode, 2, (option, value))
+                self.assertRegex(error, rf"^vell-service: {option}: not an? .*: '{value}'\n$")
 
 
 class HostTest(ToolsTest):

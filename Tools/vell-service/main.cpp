@@ -12,6 +12,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
@@ -39,27 +40,48 @@ constexpr const char* kUsage =
 struct Options {
     std::filesystem::path bundle;
     double restartPause = 1;
-    std::optional<long> temporaryFor; // a process
+    std::optional<pid_t> temporaryFor; // a process
 };
 
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-double parsePause(const char* text) {
-    char* end = nullptr;
-    const double pause = std::strtod(text, &end);
-    if (*end != '\0' || !std::isfinite(pause) || pause < 0)
-        throw UsageError(std::string("--restart-pause: not a number of seconds: ") + text);
-    return pause;
+UsageError badValue(const std::string& option, const std::string& wanted, const std::string& given) {
+    return UsageError(option + ": not " + wanted + ": '" + given + "'");
 }
 
-// The plug-ins inherit the folders through the environment.
-void setFolder(const char* variable, const char* folder) {
-    setenv(variable, std::filesystem::absolute(folder).c_str(), 1);
+// The whole text as a number; nothing when it is none.
+template <typename Number>
+std::optional<Number> parseNumber(const std::string& text) {
+    Number number{};
+    const char* const textEnd = text.data() + text.size();
+    const auto [end, error] = std::from_chars(text.data(), textEnd, number);
+    return error == std::errc() && end == textEnd ? std::optional(number) : std::nullopt;
 }
 
-// Nothing when the program has only been asked about itself.
+double parsePause(const std::string& text) {
+    const auto pause = parseNumber<double>(text);
+    if (!pause || !std::isfinite(*pause) || *pause < 0)
+        throw badValue("--restart-pause", "a number of seconds", text);
+    return *pause;
+}
+
+pid_t parseProcess(const std::string& text) {
+    const auto process = parseNumber<pid_t>(text);
+    if (!process || *process <= 0)
+        throw badValue("--temporary", "a process", text);
+    return *process;
+}
+
+std::filesystem::path parsePath(const std::string& option, const std::string& text) {
+    if (text.empty())
+        throw badValue(option, "a path", text);
+    return std::filesystem::absolute(text);
+}
+
+// Nothing when the program has only been asked about itself. The plug-ins inherit the folders through the
+// environment.
 std::optional<Options> parseOptions(int argc, char** argv) {
     enum { kBundle, kRuntime, kHardware, kPause, kTemporary, kVerbose, kQuiet, kHelp, kVersion };
     static const option kOptions[] = {{"bundle", required_argument, nullptr, kBundle},
@@ -80,19 +102,19 @@ std::optional<Options> parseOptions(int argc, char** argv) {
                 throw UsageError(std::string("unexpected argument: ") + argv[optind]);
             return options;
         case kBundle:
-            options.bundle = std::filesystem::absolute(optarg);
+            options.bundle = parsePath("--bundle", optarg);
             break;
         case kRuntime:
-            setFolder("VELL_RUNTIME_DIR", optarg);
+            setenv("VELL_RUNTIME_DIR", parsePath("--runtime-dir", optarg).c_str(), 1);
             break;
         case kHardware:
-            setFolder("VELL_HARDWARE_DIR", optarg);
+            setenv("VELL_HARDWARE_DIR", parsePath("--hardware-dir", optarg).c_str(), 1);
             break;
         case kPause:
             options.restartPause = parsePause(optarg);
             break;
         case kTemporary:
-            options.temporaryFor = std::atol(optarg);
+            options.temporaryFor = parseProcess(optarg);
             break;
         case kVerbose:
             service::setVerbosity(service::Verbosity::verbose);
