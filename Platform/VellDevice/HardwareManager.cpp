@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 
+#include <algorithm>
 #include <set>
 
 using namespace VellService;
@@ -29,6 +30,7 @@ public:
 private:
     void look(const std::set<std::string>& gone);
     void lookAt(const std::string& file);
+    bool yieldsToAnother(const std::string& file, const std::string& path);
     void remove(const std::string& file);
     void report(const Ref<__VellHardwareDevice>& device, bool isMatch);
     void stopWatching();
@@ -127,12 +129,25 @@ void HardwareSearch::lookAt(const std::string& file) {
             return; // a change in place: the device reads it when it is asked
         remove(file);
     }
-    if (!manager->accepts(*description))
+    if (!manager->accepts(*description) || yieldsToAnother(file, description->path))
         return;
     const auto device =
         Ref<__VellHardwareDevice>::adopt(new __VellHardwareDevice(file, std::move(*description)));
     mDevices[file] = device;
     report(device, true);
+}
+
+// Two files may name one device. The first of them by name is the one that counts, so that all programs agree
+// on it, and the next takes its place when it goes.
+bool HardwareSearch::yieldsToAnother(const std::string& file, const std::string& path) {
+    const auto other = std::find_if(mDevices.begin(), mDevices.end(),
+                                    [&](const auto& entry) { return entry.second->path() == path; });
+    if (other == mDevices.end())
+        return false;
+    if (other->first < file)
+        return true;
+    remove(std::string(other->first));
+    return false;
 }
 
 void HardwareSearch::remove(const std::string& file) {

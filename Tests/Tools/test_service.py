@@ -72,6 +72,23 @@ class ServiceTest(ToolsTest):
         self.connect()
         self.assertEqual(len(self.plugin_processes()), 2)
 
+    def test_a_device_with_two_files_lives_on_when_one_goes(self):
+        second = os.path.join(self.hardware, "z.plist")
+        os.rename(self.attach("usb:table", SerialNumber="S-2"), second)
+        first = self.attach("usb:table", SerialNumber="S-1")
+        self.start_service()
+        self.assertEqual(self.connect().record["SerialNumber"], "S-1")
+        os.remove(first)
+        wait_until(lambda: len(self.plugin_processes()) == 2, "the plug-in of the second file")
+        self.assertEqual(self.connect().record["SerialNumber"], "S-2")
+        self.attach("usb:table", SerialNumber="S-1")
+        wait_until(lambda: len(self.plugin_processes()) == 3, "the plug-in of the first file")
+        client = self.connect()
+        os.remove(second)  # which is none of its business
+        self.attach("usb:table", SerialNumber="S-3")
+        client.status(lambda record: record["SerialNumber"] == "S-3")
+        self.assertEqual(len(self.plugin_processes()), 3)
+
     def test_a_device_attached_again_while_its_plugin_still_ends(self):
         del self.environment["LD_PRELOAD"]  # the plug-in takes its second to disconnect
         self.start_service()

@@ -88,6 +88,30 @@ TEST_F(HardwareTest, DeviceThatWasAwayForAMomentWasAway) {
     EXPECT_TRUE(becomes({"+usb:a", "-usb:a", "+usb:a", "-usb:a", "+usb:a"}));
 }
 
+TEST_F(HardwareTest, OfTwoFilesForOneDeviceTheFirstCountsAndTheOtherTakesOver) {
+    replaceFile(file("b.plist"), hardware("usb:a"));
+    replaceFile(file("c.plist"), hardware("usb:a"));
+    VellHardwareManagerOpen(manager());
+    const auto lastFile = [this] {
+        const Owned path(VellHardwareDeviceCopyFilePath(static_cast<VellHardwareDeviceRef>(last.get())));
+        return textOf(static_cast<VellStringRef>(path.get()));
+    };
+    ASSERT_TRUE(becomes({"+usb:a"}));
+    EXPECT_EQ(lastFile(), file("b.plist"));
+    std::filesystem::remove(file("b.plist"));
+    ASSERT_TRUE(becomes({"+usb:a", "-usb:a", "+usb:a"}));
+    EXPECT_EQ(lastFile(), file("c.plist"));
+    replaceFile(file("a.plist"), hardware("usb:a"));
+    ASSERT_TRUE(becomes({"+usb:a", "-usb:a", "+usb:a", "-usb:a", "+usb:a"}));
+    EXPECT_EQ(lastFile(), file("a.plist"));
+    replaceFile(file("a.plist"), hardware("usb:b")); // another device under the name
+    events.clear();
+    ASSERT_TRUE(becomes({"-usb:a", "+usb:b", "+usb:a"}));
+    std::filesystem::remove(file("a.plist"));
+    std::filesystem::remove(file("c.plist"));
+    EXPECT_TRUE(becomes({"-usb:a", "+usb:b", "+usb:a", "-usb:b", "-usb:a"}));
+}
+
 TEST_F(HardwareTest, FolderIsMadePrivateAndMadeAgain) {
     VellHardwareManagerOpen(manager());
     const auto mode = std::filesystem::status(folder.hardwareFolder()).permissions();
