@@ -8,7 +8,7 @@ import unittest
 
 from support import ToolsTest, read_measurements
 
-MISSING = [tool for tool in ("dpkg-deb", "dpkg-shlibdeps", "file") if not shutil.which(tool)]
+MISSING = [tool for tool in ("apt", "dpkg-deb", "dpkg-shlibdeps", "file") if not shutil.which(tool)]
 
 
 @unittest.skipIf(MISSING, f"not installed: {' '.join(MISSING)}")
@@ -23,6 +23,12 @@ class PackageTest(ToolsTest):
         self.assertEqual(field("Package"), "tavi-io")
         for library in ("libc6", "libplist", "libstdc++6"):
             self.assertIn(library, field("Depends"))
+
+        # As the README tells, but for the last step: apt plans the installation and does not carry it out.
+        with open(self.path("apt.conf"), "w") as configuration:
+            configuration.write('APT::Get::Simulate "true";\n')
+        planned = self.run_shown("README.md", "apt install", self.folder, APT_CONFIG=self.path("apt.conf"))
+        self.assertRegex(planned, r"(?m)^Inst tavi-io ")
 
         root = self.path("root")
         subprocess.run(["dpkg-deb", "-x", package, root], check=True)

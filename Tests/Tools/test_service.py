@@ -76,7 +76,7 @@ class ServiceTest(ToolsTest):
         second = os.path.join(self.hardware, "z.plist")
         os.rename(self.attach("usb:table", SerialNumber="S-2"), second)
         first = self.attach("usb:table", SerialNumber="S-1")
-        self.start_service()
+        self.start_service(environment=self.steering(clock_speed=5))  # it looks at its instruments more often
         self.assertEqual(self.connect().record["SerialNumber"], "S-1")
         os.remove(first)
         wait_until(lambda: len(self.plugin_processes()) == 2, "the plug-in of the second file")
