@@ -1,5 +1,7 @@
 #include "SimulationStore.h"
 
+#include <VellDevice/VellDevice.h>
+
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -22,16 +24,23 @@ Clock::time_point after(double seconds) {
            std::chrono::duration_cast<Clock::duration>(Seconds(std::min(seconds, kLongestWait)));
 }
 
+void add(std::string& problems, const std::string& problem) {
+    if (!problems.empty() && !problem.empty()) {
+        problems += ' ';
+    }
+    problems += problem;
+}
+
 // Settings that make no sense become harmless ones.
 std::string repair(Simulation& simulation) {
     std::string problems;
     if (!std::isfinite(simulation.timeScale) || simulation.timeScale < 0.0) {
         simulation.timeScale = 1.0;
-        problems += "TimeScale must be 0 or more. ";
+        add(problems, "TimeScale must be 0 or more.");
     }
     if (!std::isfinite(simulation.noise) || simulation.noise < 0.0) {
         simulation.noise = 0.0;
-        problems += "Noise must be 0 or more. ";
+        add(problems, "Noise must be 0 or more.");
     }
     return problems;
 }
@@ -68,16 +77,24 @@ std::string SimulationStore::load(const std::string& path) {
     return mChartProblem;
 }
 
-std::string SimulationStore::armFault(const std::string& setting, std::optional<Fault>& fault) const {
+std::optional<Fault> SimulationStore::understand(const std::string& setting) {
+    mFaultProblem.clear();
     if (setting.empty()) {
-        return {};
+        return std::nullopt;
     }
     try {
-        fault = parseFault(setting);
-        return {};
+        return parseFault(setting);
     } catch (const std::invalid_argument& error) {
-        return "The fault \"" + setting + "\" makes no sense: " + error.what() + ".";
+        mFaultProblem = "Fault \"" + setting + "\" makes no sense: " + error.what() + ".";
+        return std::nullopt;
     }
+}
+
+void SimulationStore::warn(const std::string& problems) {
+    if (!problems.empty() && problems != mProblems) {
+        VellLogWarning("[TaviSDK] - settings of the simulation: %s\n", problems.c_str());
+    }
+    mProblems = problems;
 }
 
 SimulationStore::Applied SimulationStore::apply(const Simulation& simulation) {
@@ -86,26 +103,29 @@ SimulationStore::Applied SimulationStore::apply(const Simulation& simulation) {
     next->simulation = simulation;
     Applied applied;
     applied.problems = repair(next->simulation);
-    applied.problems += load(simulation.chart);
+    add(applied.problems, load(simulation.chart));
     next->chart = mChart;
-
-    const std::lock_guard lock(mMutex);
-    const Simulation& before = mState->simulation;
-    applied.presses = std::max(0L, simulation.presses - before.presses);
-    next->tableLosses = mState->tableLosses + (before.table && !simulation.table ? 1 : 0);
-    next->spectrophotometerLosses = mState->spectrophotometerLosses +
-                                    (mState->hasSpectrophotometer() && !next->hasSpectrophotometer() ? 1 : 0);
-    if (simulation.fault != before.fault) {
-        mFault.reset();
-        applied.problems += armFault(simulation.fault, mFault);
-        mHasFault = mFault.has_value();
-        ++mFaultSerial;
+    {
+        const std::lock_guard lock(mMutex);
+        const Simulation& before = mState->simulation;
+        applied.presses = std::max(0L, simulation.presses - before.presses);
+        next->tableLosses = mState->tableLosses + (before.table && !simulation.table ? 1 : 0);
+        next->spectrophotometerLosses =
+            mState->spectrophotometerLosses +
+            (mState->hasSpectrophotometer() && !next->hasSpectrophotometer() ? 1 : 0);
+        if (simulation.fault != before.fault) {
+            mFault = understand(simulation.fault);
+            mHasFault = mFault.has_value();
+            ++mFaultSerial;
+        }
+        add(applied.problems, mFaultProblem);
+        if (!applied.problems.empty()) {
+            mLastError = applied.problems;
+        }
+        mState = std::move(next);
+        mChanged.notify_all();
     }
-    if (!applied.problems.empty()) {
-        mLastError = applied.problems;
-    }
-    mState = std::move(next);
-    mChanged.notify_all();
+    warn(applied.problems);
     return applied;
 }
 

@@ -35,11 +35,11 @@ public:
     };
 
     struct Applied {
-        std::string problems; // "" or what was wrong with the settings; it is the last error, too
+        std::string problems; // "" or what is wrong with the settings; it is the last error, too
         long presses = 0;     // how often the button was pressed since the settings before
     };
 
-    // The chart is loaded when its name or its file has changed.
+    // The chart is loaded when its name or its file has changed. What is wrong goes to the log, once.
     Applied apply(const Simulation& simulation);
     std::shared_ptr<const State> state() const;
 
@@ -65,12 +65,15 @@ private:
     };
     static ChartFile look(const std::string& path);
     std::string load(const std::string& path);
-    std::string armFault(const std::string& setting, std::optional<Fault>& fault) const;
+    std::optional<Fault> understand(const std::string& setting);
+    void warn(const std::string& problems);
 
-    std::mutex mApplyMutex; // one change of the settings at a time; guards the two chart members
+    std::mutex mApplyMutex; // one change of the settings at a time; guards everything up to the other mutex
     ChartFile mChartFile;
     std::shared_ptr<const VirtualChart> mChart = std::make_shared<VirtualChart>();
     std::string mChartProblem;
+    std::string mFaultProblem;
+    std::string mProblems; // of the settings as they are, all in one
 
     mutable std::mutex mMutex; // guards everything below
     std::condition_variable mChanged;

@@ -72,6 +72,29 @@ TEST_F(SimulationTest, faultsThatMakeNoSenseAreReportedAndHarmless) {
     }
 }
 
+TEST_F(SimulationTest, settingsThatMakeNoSenseAreLoggedOnce) {
+    const auto logged = [this] {
+        ::testing::internal::CaptureStderr(); // where the log goes that has no file
+        TaviSDK::setSimulation(mSimulation);
+        return ::testing::internal::GetCapturedStderr();
+    };
+    mSimulation.fault = "Scann:1:11";
+    const std::string line = logged();
+    EXPECT_NE(line.find(" WARNING "), std::string::npos) << line;
+    EXPECT_NE(line.find("Fault \"Scann:1:11\" makes no sense: there is no call \"Scann\"."),
+              std::string::npos)
+        << line;
+    mSimulation.presses = 1;
+    EXPECT_EQ(logged(), "");
+    mSimulation.noise = -1.0;
+    EXPECT_NE(logged().find("Noise must be 0 or more. Fault \"Scann:1:11\""), std::string::npos);
+    mSimulation.noise = 0.0;
+    mSimulation.fault = "Scan:1:11";
+    EXPECT_EQ(logged(), "");
+    mSimulation.fault = "Scann:1:11"; // a mistake made again is a new one
+    EXPECT_NE(logged(), "");
+}
+
 TEST_F(SimulationTest, aCallThatHangsGoesOnWhenTheFaultIsLifted) {
     setFault("IsTableConnected:1:hang=0.03");
     const auto begin = Clock::now();
