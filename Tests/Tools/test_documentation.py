@@ -10,7 +10,7 @@ import unittest
 from support import BIN, ROOT, Client, ToolsTest, read_measurements, wait_until
 
 # What is run, and where: in the tours below, in Tests/Install, and by run-tests itself.
-RUN_HERE = r"tablectl |python3 |vell-service &"
+RUN_HERE = r"tablectl |python3 |sed |vell-service &"
 RUN_IN_INSTALL = r"cmake --install |cpack |apt install |cmake -S |cmake --build build/client|build/client/"
 RUN_IN_SCRIPTS = r"\./run-|cmake --preset |cmake --build --preset |ctest --preset "
 
@@ -57,7 +57,7 @@ class DocumentationTest(ToolsTest):
 
     def test_no_command_is_shown_that_nothing_runs(self):
         documents = ["README.md", "ARCHITECTURE.md", "Platform/README.md", "Benchmarks/README.md"]
-        programs = r"[\w./-]*(?:tablectl|python3?|vell-|cmake|c(?:test|pack)|ninja|sudo|env|apt|dpkg|\./|build/)"
+        programs = r"[\w./-]*(?:tablectl|python3?|vell-|cmake|c(?:test|pack)|ninja|sudo|env|apt|dpkg|sed|\./|build/)"
         ci = self.read(".ci", "run")
         for document in documents + glob.glob("docs/*.md", root_dir=ROOT):
             for line in re.findall(rf"^    ({programs}.*)$", self.read(document), re.M):
@@ -68,7 +68,7 @@ class DocumentationTest(ToolsTest):
         """The commands that a document shows, with a service in the background."""
         os.symlink(os.path.join(ROOT, "Examples"), self.path("Examples"))
         self.start_service()
-        self.run_shown(document, "tablectl|python3", self.folder, PATH=BIN + ":" + self.environment["PATH"])
+        self.run_shown(document, "tablectl|python3|sed", self.folder, PATH=BIN + ":" + self.environment["PATH"])
 
     def test_the_tour_of_the_readme(self):
         self.run_tour("README.md")
@@ -78,6 +78,16 @@ class DocumentationTest(ToolsTest):
     def test_the_problems_of_the_virtual_instrument(self):
         self.run_tour("docs/virtual-instrument.md")
         self.assertEqual(len(read_measurements(self.path("out.txt"))), 223)
+        self.assertEqual(len(read_measurements(self.path("row.txt"))), 21)
+        darkest = [min(float(reading["SPECTRAL_NM380"]) for reading in read_measurements(self.path(name)))
+                   for name in ("out.txt", "pale-measured.txt")]
+        self.assertLess(darkest[0], 0.05)
+        self.assertGreater(darkest[1], 0.09)
+        log, = glob.glob(os.path.join(self.runtime, "log", "*"))
+        with open(log) as file:
+            lines = file.read()
+        self.assertEqual(re.findall(r"Scanned row 4 .*err: (\d+)", lines)[:3], ["0", "11", "0"])
+        self.assertEqual(re.findall(r"Scan Result: (\d+)", lines), ["7"] * 4)
 
     def test_the_worked_example_of_the_documentation(self):
         with open(os.path.join(ROOT, "docs", "commands.md")) as file:
