@@ -159,15 +159,15 @@ TEST_F(ClientTest, LateObserverIsToldOnceAndMayUnregisterInItsCallback) {
 
 TEST_F(ClientTest, GarbageFromAPluginIsNoPluginAndIsNotAskedAgainAtOnce) {
     ::testing::internal::CaptureStderr();
+    const std::string path = folder.path() + "/0badf00d.sock";
+    const CoreFoundation::FileDescriptor listener(socket(AF_UNIX, SOCK_STREAM, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    listen(listener.get(), 8);
     const pid_t child = fork();
     if (child == 0) {
-        const std::string path = folder.path() + "/0badf00d.sock";
-        CoreFoundation::FileDescriptor listener(socket(AF_UNIX, SOCK_STREAM, 0));
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-        listen(listener.get(), 8);
         for (;;) {
             const CoreFoundation::FileDescriptor client(accept(listener.get(), nullptr, nullptr));
             const std::string garbage = FrameClient::frame("garbage");
