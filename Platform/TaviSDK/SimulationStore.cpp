@@ -1,11 +1,10 @@
 #include "SimulationStore.h"
 
-#include <VellDevice/VellDevice.h>
-
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <stdexcept>
 #include <utility>
 
@@ -92,7 +91,7 @@ std::optional<Fault> SimulationStore::understand(const std::string& setting) {
 
 void SimulationStore::warn(const std::string& problems) {
     if (!problems.empty() && problems != mProblems) {
-        VellLogWarning("[TaviSDK] - settings of the simulation: %s\n", problems.c_str());
+        std::fprintf(stderr, "TaviSDK: settings of the virtual table: %s\n", problems.c_str());
     }
     mProblems = problems;
 }

@@ -39,7 +39,7 @@ public:
         long presses = 0;     // how often the button was pressed since the settings before
     };
 
-    // The chart is loaded when its name or its file has changed. What is wrong goes to the log, once.
+    // The chart is loaded when its name or its file has changed. What is wrong goes to standard error, once.
     Applied apply(const Simulation& simulation);
     std::shared_ptr<const State> state() const;
 

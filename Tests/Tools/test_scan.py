@@ -215,7 +215,8 @@ class InterruptedScanTest(ToolsTest):
         os.remove(os.path.join(self.hardware, "usb:table.plist"))
         _, error = scan.communicate()
         self.assertEqual(scan.returncode, 1)
-        self.assertIn("the device went away", error)
+        # Whoever notices it first: the service, or the worker whose call fails.
+        self.assertRegex(error, "the device went away|The table does not answer")
 
     def test_a_device_that_dies_leaves_the_rows_before(self):
         scan, _ = self.start_scan("--output", self.path("out.txt"), stderr=-1)
