@@ -46,7 +46,9 @@ class DocumentationTest(ToolsTest):
                                   "tablectl --device ": "usb:table-1", "tablectl --device usb:t": "table-1",
                                   "tablectl scan --re": "--report", "tablectl scan lay": "layout.txt",
                                   "tablectl --simulated scan sc": "scan", "tablectl get Mod": "Modes Mode",
-                                  "tablectl set Bee": "Beep", "tablectl set Beep Bee": "", "tablectl send Go": "GoHome",
+                                  "tablectl set Bee": "Beep", "tablectl --runtime-dir /nowhere set Bee": "",
+                                  "tablectl --device usb:table-1 set Bee": "Beep", "tablectl --device none set Bee": "",
+                                  "tablectl set Beep Bee": "", "tablectl send Go": "GoHome",
                                   "tablectl mode Si": "SingleReflectance", "tablectl simulate --table ": "on off",
                                   "tablectl status ": "", "tablectl status --w": "--watch"}.items():
             script = """source "$0"; COMP_LINE="$1"; COMP_POINT=${#1}; _tablectl; echo "${COMPREPLY[*]}" """

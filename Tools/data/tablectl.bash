@@ -3,7 +3,8 @@
 _tablectl() {
     local commands="list status commands get set mode calibrate move position home cancel reset send lock scan simulate"
     local options="--help --version --runtime-dir --device --json --simulated --noise"
-    local words current previous command="" skip="" word index
+    local words current previous command="" skip="" word
+    local folder=() device=() # what the line itself says of them
 
     # Not COMP_WORDS: bash cuts device paths at their colons.
     read -a words <<<"${COMP_LINE:0:COMP_POINT}"
@@ -12,9 +13,13 @@ _tablectl() {
     previous="${words[-2]}"
     for word in "${words[@]:1:${#words[@]}-2}"; do
         if [[ -n "$skip" ]]; then
+            case "$skip" in
+                --runtime-dir) folder=("$skip" "$word") ;;
+                --device) device=("$skip" "$word") ;;
+            esac
             skip=""
         elif [[ " --runtime-dir --device --simulated --noise " == *" $word "* ]]; then
-            skip="its value"
+            skip="$word" # the next one is its value
         elif [[ " $commands " == *" $word "* ]]; then
             command="$word"
             break
@@ -25,7 +30,7 @@ _tablectl() {
         --runtime-dir) COMPREPLY=($(compgen -d -- "$current")); return ;;
         --simulated | --output | --report | --chart) COMPREPLY=($(compgen -f -- "$current")); return ;;
         --device)
-            COMPREPLY=($(compgen -W "$(tablectl list 2>/dev/null | cut -d' ' -f1)" -- "$current"))
+            COMPREPLY=($(compgen -W "$(tablectl "${folder[@]}" list 2>/dev/null | cut -d' ' -f1)" -- "$current"))
             COMPREPLY=("${COMPREPLY[@]#"${current%"${current##*:}"}"}")
             return
             ;;
@@ -33,10 +38,16 @@ _tablectl() {
     esac
     case "$command" in
         "") options+=" $commands" ;;
-        get) options+=" $(tablectl status 2>/dev/null | cut -d: -f1)" ;;
-        set) [[ "$previous" == set ]] && options+=" $(tablectl status 2>/dev/null | cut -d: -f1)" ;;
+        get) options+=" $(tablectl "${folder[@]}" "${device[@]}" status 2>/dev/null | cut -d: -f1)" ;;
+        set)
+            [[ "$previous" == set ]] &&
+                options+=" $(tablectl "${folder[@]}" "${device[@]}" status 2>/dev/null | cut -d: -f1)"
+            ;;
         mode) options+=" ScanningReflectance SingleReflectance" ;;
-        send) [[ "$previous" == send ]] && options+=" $(tablectl commands 2>/dev/null | cut -d' ' -f1)" ;;
+        send)
+            [[ "$previous" == send ]] &&
+                options+=" $(tablectl "${folder[@]}" "${device[@]}" commands 2>/dev/null | cut -d' ' -f1)"
+            ;;
         status) options+=" --watch" ;;
         scan) options+=" --output --report --rows --spot --low-resolution --time-scale" ;;
         simulate)
