@@ -104,6 +104,9 @@ class ScanTest(ToolsTest):
                         ["--output", self.path("new"), "--report", self.path("./new")]):
             _, error = self.tablectl("scan", layout, *options, status=2)
             self.assertIn("would replace", error)
+        other = self.write_chart(Chart(1, 2), "other.txt")
+        _, error = self.tablectl("--simulated", other, "scan", layout, "--output", other, status=2)
+        self.assertIn("would replace", error)
         for option in ("--output", "--report"):
             _, error = self.tablectl("scan", layout, option, self.path("nowhere/file"), status=1)
             self.assertRegex(error, "nowhere/file: cannot be written: No such file")

@@ -248,11 +248,11 @@ std::pair<int, int> rowRange(const std::string& text, const Color::ChartLayout& 
 }
 
 // The files that a scan writes, before anything moves: they can be written, and nothing is lost by it.
-void checkFiles(const ScanRequest& request) {
+void checkFiles(const ScanRequest& request, const Options& options) {
     for (const std::string& file : {request.outputFile, request.reportFile}) {
         if (file.empty())
             continue;
-        if (isSameFile(file, request.layoutFile))
+        if (isSameFile(file, request.layoutFile) || isSameFile(file, options.simulated.value_or("")))
             throw UsageFailure(file + ": the scan would replace the layout");
         checkWritable(file);
     }
@@ -265,7 +265,7 @@ void checkFiles(const ScanRequest& request) {
 void commands::scan(Context& context, const ScanRequest& request) {
     const Color::ChartLayout layout = readLayout(request.layoutFile);
     const std::pair<int, int> rows = rowRange(request.rows, layout);
-    checkFiles(request);
+    checkFiles(request, context.options);
     const Table table = Table::find(context);
     const DeviceLock lock(table);
     if (context.options.timeScale && !context.simulation)
