@@ -159,8 +159,12 @@ PluginProcess::PluginProcess(const Grid& grid, double timeScale, bool fastSleep)
                                                    {"VELL_HARDWARE_DIR", hardware},
                                                    {"VELL_LOG_DIR", mFolder / "log"},
                                                    {"TAVI_TABLE", hardware / "table.plist"}};
-    if (fastSleep)
-        environment["LD_PRELOAD"] = FAST_SLEEP;
+    if (fastSleep) {
+        // The loader would split a path at its blanks.
+        const std::filesystem::path library = mFolder / "fast_sleep.so";
+        std::filesystem::create_symlink(FAST_SLEEP, library);
+        environment["LD_PRELOAD"] = library;
+    }
     mProcess = std::make_unique<tools::ChildProcess>(
         PLUGIN_HOST, std::vector<std::string>{kDevicePath, PLUGIN_BUNDLE}, environment);
 }

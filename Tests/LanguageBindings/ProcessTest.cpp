@@ -86,12 +86,10 @@ TEST_F(Process, ParentThatIsGoneEndsThePlugin) {
     }
     int status = 0;
     ASSERT_EQ(waitpid(between, &status, 0), between);
-    const auto start = std::chrono::steady_clock::now();
     const pid_t orphan = waitpid(-1, &status, 0);
     ASSERT_GT(orphan, 0);
     // It may have noticed before its loop ran; then its run returned.
     EXPECT_EQ(WEXITSTATUS(status) % kReturned, 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(7));
     prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
 

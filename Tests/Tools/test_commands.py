@@ -56,6 +56,15 @@ class CommandsTest(ToolsTest):
         self.tablectl("cancel")
         self.tablectl("reset")
 
+    def measure(self, *arguments, status=0):
+        """Sends "Measure", again while the measurement before has not quite ended; what was written."""
+        def attempt():
+            result = self.run_tablectl("send", "Measure", *arguments)
+            return result if "Measure: 23: " not in result.stderr else None
+        result = wait_until(attempt, "the end of the measurement before")
+        self.assertEqual(result.returncode, status, result.stdout + result.stderr)
+        return result.stdout, result.stderr
+
     def test_sending_anything(self):
         self.assertEqual(self.tablectl("send", "Quit")[0], "Quit: 0\n")
         self.assertIn("Nonsense: 15: ", self.tablectl("send", "Nonsense", status=1)[1])
@@ -63,17 +72,17 @@ class CommandsTest(ToolsTest):
         self.tablectl("calibrate")
         self.tablectl("mode", "ScanningReflectance")
         arguments = [f"{key}={value}" for key, value in self.chart.arguments().items()]
-        rows = self.tablectl("send", "Measure", *arguments)[0]
+        rows, _ = self.measure(*arguments)
         self.assertEqual(rows.count("Measure: 0"), 2)
         self.assertEqual(rows.count(" Lab "), 8)
-        row = self.tablectl("send", "Measure", *map(str.lower, arguments), "rowtoscan=1")[0]
+        row, _ = self.measure(*map(str.lower, arguments), "rowtoscan=1")
         self.assertEqual((row.count("Measure: 0"), row.count(" Lab ")), (1, 4))
-        self.assertIn("not on the chart", self.tablectl("send", "Measure", *arguments, "RowToScan=2", status=1)[1])
+        self.assertIn("not on the chart", self.measure(*arguments, "RowToScan=2", status=1)[1])
         for name, value in (("Rows", "0"), ("Columns", "-1")):
-            self.assertIn("Measure: 22: ", self.tablectl("send", "Measure", *arguments, f"{name}={value}", status=1)[1])
+            self.assertIn("Measure: 22: ", self.measure(*arguments, f"{name}={value}", status=1)[1])
         for value in ("nan", "inf", "4000"):
             with self.subTest(value):
-                _, error = self.tablectl("send", "Measure", *arguments, f"TopLeftX={value}", status=1)
+                _, error = self.measure(*arguments, f"TopLeftX={value}", status=1)
                 self.assertRegex(error, r"Measure: \d+: \S")
                 wait_until(lambda: self.client.call("GetDevicePosition")["Message"] == "0.000000,0.000000")
 

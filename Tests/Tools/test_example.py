@@ -1,6 +1,7 @@
 """The example client, where things do not go as they should."""
 
 import os
+import pathlib
 import signal
 import subprocess
 import sys
@@ -61,7 +62,7 @@ class ExampleTest(ToolsTest):
         self.assertEqual(len(output.splitlines()), 600)
 
     def test_whatever_ends_it_cancels_and_unlocks(self):
-        client = self.connect(TimeScale=0.3)  # the chart takes some 10 seconds
+        client = self.connect(TimeScale=1.0)  # the chart takes half a minute
         for end, status in ((signal.SIGINT, 130), (signal.SIGTERM, 143), (None, 1)):
             process = self.start_example(self.layout)
             process.stdout.readline()
@@ -72,7 +73,10 @@ class ExampleTest(ToolsTest):
             self.assertEqual(process.wait(PATIENCE), status)
             self.assertEqual(process.stderr.read(), "" if end else "measure.py: [Errno 32] Broken pipe\n")
             self.assertNotEqual(client.call("GoHome")["Code"], -1022)  # nobody holds the lock
-            wait_until(lambda: client.call("GoHome")["Code"] == 0, "the end of the measurement", seconds=5)
+            wait_until(lambda: client.call("GoHome")["Code"] == 0, "the end of the measurement")
+        log = pathlib.Path(self.runtime, "log", client.record["Attributes"]["DeviceLogName"]).read_text()
+        self.assertIn("measuring row 0...", log)
+        self.assertNotIn(f"measuring row {self.chart.rows - 1}...", log)
 
     def test_it_asks_a_device_again_that_is_still_busy(self):
         client = self.connect(Fault="Tavi_Scan:1:hang=1")

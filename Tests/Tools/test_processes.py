@@ -484,11 +484,16 @@ class UnwritableTest(ProcessesTest):
         link = self.path("link")
         os.symlink(theirs, link)
         file = self.write_chart(self.chart, "file")
+        shared = self.path("shared")
+        os.mkdir(shared)
+        os.chmod(shared, 0o1777)
         folders = {link: "is not a folder", file: "is not a folder", "/proc/nowhere": "cannot make /proc/nowhere",
-                   "/tmp": "shared with other users"}
-        if os.geteuid() == 0:  # only root can make a folder that belongs to another user
+                   shared: "shared with other users"}
+        if os.geteuid() == 0:
             os.chown(theirs, 12345, 12345)
             folders[theirs] = "belongs to another user"
+        else:  # who can make no such folder, and finds one
+            folders["/usr"] = "belongs to another user"
         for folder, problem in folders.items():
             with self.subTest(folder):
                 service = self.start("vell-service", "--runtime-dir", folder, stderr=subprocess.PIPE)
@@ -623,7 +628,7 @@ class DateTest(ProcessesTest):
             time.sleep(0.3)  # two polls
             used.append(processor_time(process) - before)
         # Three years are 30 million polls.
-        self.assertLess(max(used), 0.1)
+        self.assertLess(max(used[1:]), used[0] + 0.1)
         self.simulate(client=client)
 
     def test_while_a_chart_is_measured(self):

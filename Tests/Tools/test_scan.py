@@ -152,7 +152,7 @@ class ScanTest(ToolsTest):
 class InterruptedScanTest(ToolsTest):
     def start_scan(self, *options, **redirections):
         """A scan that takes its time, with its first row measured."""
-        self.chart = Chart(8, 10)
+        self.chart = Chart(24, 10)  # time enough for whoever interrupts it
         layout = self.write_chart(self.chart)
         self.start_service()
         self.attach("usb:table", Chart=layout)
@@ -173,7 +173,7 @@ class InterruptedScanTest(ToolsTest):
         self.assertEqual(client.call("GetDevicePosition")["Message"], self.home)
         self.assertEqual(self.tablectl("get", "LockHolder")[0], "\n")
         self.tablectl("scan", self.path("chart.txt"), "--output", self.path("next.txt"))
-        self.assertEqual(len(read_measurements(self.path("next.txt"))), 80)
+        self.assertEqual(len(read_measurements(self.path("next.txt"))), 240)
 
     def setUp(self):
         super().setUp()
@@ -185,10 +185,10 @@ class InterruptedScanTest(ToolsTest):
         scan.send_signal(signal.SIGINT)
         _, error = scan.communicate()
         self.assertEqual(scan.returncode, 128 + signal.SIGINT)
-        self.assertIn("of 8 rows", error)
+        self.assertIn("of 24 rows", error)
         readings = read_measurements(self.path("out.txt"))
         self.assertGreaterEqual(len(readings), 20)
-        self.assertLess(len(readings), 80)
+        self.assertLess(len(readings), 240)
         self.assert_device_is_free(client)
 
     def test_a_full_disk_ends_the_scan_with_the_rows_that_fit(self):

@@ -12,29 +12,25 @@ from support import BIN, TABLE, Chart, Client, ToolsTest, is_running, wait_until
 
 
 class ServiceTest(ToolsTest):
-    def lock_files(self):
-        """Those that the plug-ins' logs name: one for each path, and one for the family."""
-        logs = "".join(log.read_text() for log in pathlib.Path(self.runtime, "log").iterdir())
-        return set(re.findall(r"(?:lock name for '.*' is '|mutex named )(/tmp/[^'\n]+)", logs))
-
     def assert_nothing_left(self, processes):
         wait_until(lambda: not any(map(is_running, processes)), "the end of the plug-ins")
         self.assertEqual(self.sockets(), [])
 
     def test_a_killed_service_takes_its_plugins_with_it(self):
         service = self.start_service()
-        self.attach("usb:1")
-        self.attach("usb:2")
+        tables = [f"usb:{os.path.basename(self.folder)}-{number}" for number in (1, 2)]  # as nobody else has
+        for table in tables:
+            self.attach(table)
         wait_until(lambda: len(self.sockets()) == 2, "two plug-ins")
         for path in self.sockets():
             client = Client(path)
             self.addCleanup(client.close)
             client.status()
+        logs = "".join(log.read_text() for log in pathlib.Path(self.runtime, "log").iterdir())
         service.kill()
         self.assert_nothing_left(self.plugin_processes())
-        self.assertEqual(len(self.lock_files()), 3)
-        # Plug-ins of other tests may have some of them for a moment.
-        wait_until(lambda: not any(map(os.path.exists, self.lock_files())), "the end of the lock files")
+        locks = set(re.findall(r"lock name for '.*' is '(/tmp/[^']+)'", logs))
+        self.assertEqual((len(locks), [lock for lock in locks if os.path.exists(lock)]), (2, []))
         self.assertEqual(sorted(os.listdir(self.runtime)), ["hardware", "log"])
 
     def test_ending_the_service_ends_its_plugins_even_in_a_scan(self):

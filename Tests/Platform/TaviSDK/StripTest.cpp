@@ -241,25 +241,4 @@ TEST_F(StripTest, needsItsModeACalibrationAndRecognition) {
     EXPECT_NE(option("LastError").find("ScanningReflectance"), std::string::npos);
 }
 
-// A large chart must not cost more per patch than a small one.
-TEST_F(StripTest, largeChartsAreReadAtOnce) {
-    const ChartLayout layout = chart(200, 100, 0, {40.0, 30.0}, {8.0, 0.0}, {0.0, 8.0});
-    lay(layout);
-    calibrate();
-    setSpeed(fastest(8.0));
-    const auto begin = std::chrono::steady_clock::now();
-    for (int row = 0; row < layout.rows; ++row) {
-        ASSERT_EQ(scanRow(layout, row), 100);
-        for (int i = 0; i < 100; ++i) {
-            float lab[3] = {};
-            ASSERT_EQ(sample(i)[0], static_cast<float>(layout.patchAt(row, i)->reflectance[0]));
-            ASSERT_EQ(Tavi_SetOption("ColorSpaceDescription.Type", "CIELab"), 0);
-            ASSERT_EQ(Tavi_GetTriStimulus(lab, i), 0);
-        }
-    }
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    RecordProperty("patches_per_second", static_cast<int>(20000.0 / seconds));
-    EXPECT_LT(seconds, 10.0); // far off, under a sanitizer on a busy machine, too
-}
-
 } // namespace
