@@ -2,9 +2,12 @@
 #pragma once
 
 #include <Color/Cgats.h>
+#include <Color/Point.h>
+#include <Color/Spectrum.h>
 
+#include <array>
+#include <cstddef>
 #include <map>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>

@@ -1,4 +1,5 @@
 #include <Color/CgatsReader.h>
+#include <Color/ChartLayout.h>
 
 #include <cmath>
 

@@ -3,7 +3,7 @@
 // Everything is pure: any thread, no errors. Spectra are kBands reflectances, 1 being the perfect diffuser.
 #pragma once
 
-#include <Color/Cgats.h>
+#include <Color/Spectrum.h>
 
 #include <cstdint>
 #include <span>

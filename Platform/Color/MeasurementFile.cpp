@@ -1,4 +1,5 @@
 #include <Color/CgatsReader.h>
+#include <Color/MeasurementFile.h>
 
 #include <fcntl.h>
 #include <unistd.h>

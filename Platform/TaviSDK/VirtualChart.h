@@ -1,6 +1,6 @@
 #pragma once
 
-#include <Color/Cgats.h>
+#include <Color/ChartLayout.h>
 #include <Color/Colorimetry.h>
 
 #include <array>

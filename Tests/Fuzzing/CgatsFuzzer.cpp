@@ -1,7 +1,7 @@
 // Chart layouts and measurement files as somebody else wrote them.
 #include "Fuzzing.h"
 
-#include <Color/Cgats.h>
+#include <Color/MeasurementFile.h>
 
 #include <cmath>
 #include <string_view>

@@ -4,7 +4,7 @@
 
 #include "Device.h"
 
-#include <Color/Cgats.h>
+#include <Color/MeasurementFile.h>
 
 #include <optional>
 #include <string>

@@ -6,7 +6,7 @@
 #include "Progress.h"
 #include "Table.h"
 
-#include <Color/Cgats.h>
+#include <Color/MeasurementFile.h>
 
 #include <filesystem>
 #include <memory>

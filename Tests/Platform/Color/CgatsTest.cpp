@@ -1,4 +1,4 @@
-#include <Color/Cgats.h>
+#include <Color/MeasurementFile.h>
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>

@@ -1,7 +1,7 @@
 // A virtual instrument set up for a test, and charts to put on its table.
 #pragma once
 
-#include <Color/Cgats.h>
+#include <Color/ChartLayout.h>
 #include <TaviSDK/TaviSDK.h>
 #include <TaviSDK/VirtualInstrument.h>
 

@@ -1,0 +1,10 @@
+#pragma once
+
+#include <cstddef>
+
+namespace Color {
+
+// Of every spectrum: 380 to 730 nm in steps of 10.
+inline constexpr std::size_t kBands = 36;
+
+} // namespace Color
