@@ -1,7 +1,7 @@
 // A real plug-in process with a virtual table of its own, and the connections of its clients, byte by byte.
 #pragma once
 
-#include <CoreFoundation/FileDescriptor.h>
+#include <Base/FileDescriptor.h>
 
 #include <support/ChildProcess.h>
 
@@ -39,7 +39,7 @@ public:
 private:
     void read(char* to, std::size_t count);
 
-    CoreFoundation::FileDescriptor mSocket;
+    Base::FileDescriptor mSocket;
     std::string mPayload;
     std::string mBuffer; // read, from mBegin on not yet taken
     std::size_t mBegin = 0;

@@ -72,7 +72,7 @@ public:
 private:
     const std::size_t mAsked;
     const std::size_t mAnswered;
-    CoreFoundation::FileDescriptor mSocket;
+    Base::FileDescriptor mSocket;
     pid_t mProcess = 0;
 };
 

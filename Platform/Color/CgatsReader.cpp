@@ -1,10 +1,9 @@
+#include <Base/File.h>
+#include <Base/Number.h>
 #include <Color/CgatsReader.h>
 
-#include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <limits>
-#include <memory>
 #include <optional>
 
 namespace Color {
@@ -20,20 +19,6 @@ std::string quoted(std::string_view text) {
     return result + (text.size() > 40 ? "...\"" : "\"");
 }
 
-// The whole text as a number, or nothing. A leading plus is part of CGATS numbers and not of from_chars'.
-template <typename Number>
-std::optional<Number> parse(std::string_view text) {
-    if (text.size() > 1 && text[0] == '+' && text[1] != '-') {
-        text.remove_prefix(1);
-    }
-    Number value{};
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc{} || end != text.data() + text.size()) {
-        return std::nullopt;
-    }
-    return value;
-}
-
 bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\r';
 }
@@ -41,22 +26,14 @@ bool isBlank(char c) {
 } // namespace
 
 std::string readWholeFile(const std::string& path) {
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), std::fclose);
+    Base::FileContents file = Base::readFile(path, kLargestFile, Base::FileKind::any);
+    if (file.isTooLarge()) {
+        throw CgatsError(path, 0, "is too large");
+    }
     if (!file) {
-        throw CgatsError(path, 0, "cannot be opened");
+        throw CgatsError(path, 0, file.isFolder() ? "cannot be read" : "cannot be opened");
     }
-    std::string text;
-    std::array<char, 1 << 16> block;
-    while (const std::size_t got = std::fread(block.data(), 1, block.size(), file.get())) {
-        if (text.size() + got > kLargestFile) {
-            throw CgatsError(path, 0, "is too large");
-        }
-        text.append(block.data(), got);
-    }
-    if (std::ferror(file.get())) {
-        throw CgatsError(path, 0, "cannot be read");
-    }
-    return text;
+    return std::move(file.bytes);
 }
 
 CgatsReader::CgatsReader(std::string_view text, std::string name) : mRest(text), mName(std::move(name)) {
@@ -224,7 +201,7 @@ std::string CgatsReader::optionalText(const std::string& keyword) const {
 
 int CgatsReader::integer(const std::string& keyword) const {
     const Keyword& found = required(keyword);
-    const std::optional<int> value = parse<int>(found.value);
+    const std::optional<int> value = Base::parseNumber<int>(found.value);
     if (!value) {
         fail(found.line, keyword + " is no whole number: " + quoted(found.value));
     }
@@ -239,8 +216,8 @@ Point CgatsReader::point(const std::string& keyword) const {
     if (second == text.npos) {
         fail(found.line, keyword + " must be two numbers: " + quoted(text));
     }
-    const std::optional<double> x = parse<double>(text.substr(0, gap));
-    const std::optional<double> y = parse<double>(text.substr(second));
+    const std::optional<double> x = Base::parseNumber<double>(text.substr(0, gap));
+    const std::optional<double> y = Base::parseNumber<double>(text.substr(second));
     constexpr double kFurthest = 1e6;
     if (!x || !y || !(std::fabs(*x) <= kFurthest) || !(std::fabs(*y) <= kFurthest)) {
         fail(found.line, keyword + " must be two finite numbers: " + quoted(text));
@@ -286,23 +263,23 @@ const std::vector<std::string>* CgatsReader::nextSet() {
 }
 
 double CgatsReader::number(const std::string& text) const {
-    const std::optional<double> value = parse<double>(text);
-    if (!value || !std::isfinite(*value)) {
+    const std::optional<double> value = Base::parseFinite<double>(text);
+    if (!value) {
         fail("no finite number: " + quoted(text));
     }
     return *value;
 }
 
 float CgatsReader::singleNumber(const std::string& text) const {
-    const std::optional<float> value = parse<float>(text);
-    if (!value || !std::isfinite(*value)) {
+    const std::optional<float> value = Base::parseFinite<float>(text);
+    if (!value) {
         fail("no finite number: " + quoted(text));
     }
     return *value;
 }
 
 int CgatsReader::integerField(const std::string& text) const {
-    const std::optional<int> value = parse<int>(text);
+    const std::optional<int> value = Base::parseNumber<int>(text);
     if (!value) {
         fail("no whole number: " + quoted(text));
     }

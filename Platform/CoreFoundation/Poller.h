@@ -1,6 +1,6 @@
 #pragma once
 
-#include "FileDescriptor.h"
+#include <Base/FileDescriptor.h>
 
 #include <sys/epoll.h>
 
@@ -45,8 +45,8 @@ public:
 private:
     void drainWakeSignal();
 
-    FileDescriptor mEpoll;
-    FileDescriptor mWakeSignal;
+    Base::FileDescriptor mEpoll;
+    Base::FileDescriptor mWakeSignal;
     std::atomic<bool> mWakePending{false};
     Identifier mLastIdentifier = 0;
     std::unordered_map<Identifier, std::shared_ptr<Handler>> mHandlers;

@@ -1,9 +1,9 @@
 #include "Faults.h"
 
+#include <Base/Number.h>
+
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <cmath>
 #include <stdexcept>
 
 namespace TaviSDK {
@@ -25,12 +25,6 @@ constexpr std::array<std::string_view, 13> kCalls = {"SetOption",
                                                      "GetTriStimulus",
                                                      "RegisterDeviceMessageHandler"};
 
-template <typename Number>
-bool parse(std::string_view text, Number& value) {
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return error == std::errc{} && end == text.data() + text.size();
-}
-
 void parseEffect(std::string_view text, Fault& fault) {
     constexpr std::string_view kHang = "hang=";
     constexpr double kLongest = 86400.0;
@@ -38,11 +32,14 @@ void parseEffect(std::string_view text, Fault& fault) {
         fault.effect = Fault::Effect::Throw;
     } else if (text.starts_with(kHang)) {
         fault.effect = Fault::Effect::Hang;
-        if (!parse(text.substr(kHang.size()), fault.seconds) ||
-            !(fault.seconds >= 0.0 && fault.seconds <= kLongest)) {
+        const auto seconds = Base::parseNumber<double>(text.substr(kHang.size()));
+        if (!seconds || !(*seconds >= 0.0 && *seconds <= kLongest)) {
             throw std::invalid_argument("the seconds must be a number from 0 to 86400");
         }
-    } else if (!parse(text, fault.status)) {
+        fault.seconds = *seconds;
+    } else if (const auto status = Base::parseNumber<int>(text)) {
+        fault.status = *status;
+    } else {
         throw std::invalid_argument("the effect must be a status, \"throw\" or \"hang=SECONDS\"");
     }
 }
@@ -64,7 +61,8 @@ Fault parseFault(std::string_view text) {
     }
     Fault fault;
     fault.call = std::string(kPrefix) + std::string(call);
-    if (!parse(text.substr(first + 1, second - first - 1), fault.occurrence) || fault.occurrence < 1) {
+    fault.occurrence = Base::parseNumber<long>(text.substr(first + 1, second - first - 1)).value_or(0);
+    if (fault.occurrence < 1) {
         throw std::invalid_argument("the number of the call must be 1 or more");
     }
     parseEffect(text.substr(second + 1), fault);

@@ -1,9 +1,10 @@
 #include "Follower.h"
 
+#include <Base/FolderEvents.h>
+
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
-#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,7 +12,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <optional>
 
@@ -26,22 +26,13 @@ constexpr int kLookAgainMilliseconds = 500;
 // The watch on the file's folder, or the memory of what the file looked like where there is no watch.
 class Follower::Watch {
 public:
-    Watch() : mDescriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
-    ~Watch() {
-        if (mDescriptor >= 0) {
-            ::close(mDescriptor);
-        }
-    }
-    Watch(const Watch&) = delete;
-    Watch& operator=(const Watch&) = delete;
-
-    int descriptor() const { return mDescriptor; }
-    bool isWatching() const { return mFolderWatch >= 0; }
+    int descriptor() const { return mEvents.descriptor(); }
+    bool isWatching() const { return mEvents.isWatching(); }
 
     // Sees to it that the file's folder is watched. True when the file may have changed unseen until now.
     bool aim(const std::string& path) {
         if (path != mPath) {
-            drop();
+            mEvents.stop();
             mPath = path;
             mStamp.reset();
         }
@@ -49,35 +40,14 @@ public:
             return false;
         }
         const std::filesystem::path folder = std::filesystem::path(mPath).parent_path();
-        mFolderWatch = ::inotify_add_watch(mDescriptor, folder.empty() ? "." : folder.c_str(),
-                                           IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE |
-                                               IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR);
-        return isWatching() || looksDifferent();
+        return mEvents.watch(folder.empty() ? "." : folder.string()) || looksDifferent();
     }
 
     // Takes what the watch reports; true when it concerns the file.
     bool read() {
-        const std::string name = std::filesystem::path(mPath).filename();
-        bool concerns = false;
-        alignas(inotify_event) std::array<char, 4096> block;
-        for (;;) {
-            const ssize_t got = ::read(mDescriptor, block.data(), block.size());
-            if (got <= 0) {
-                return concerns;
-            }
-            for (ssize_t at = 0; at < got;) {
-                inotify_event event;
-                std::memcpy(&event, block.data() + at, sizeof event);
-                const char* eventName = event.len > 0 ? block.data() + at + sizeof event : "";
-                at += static_cast<ssize_t>(sizeof event + event.len);
-                concerns = concerns || (event.mask & IN_Q_OVERFLOW) != 0 || name == eventName;
-                if (event.wd == mFolderWatch &&
-                    (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) != 0) {
-                    drop();
-                    concerns = true;
-                }
-            }
-        }
+        const Base::FolderEvents::Changes changes = mEvents.take();
+        return changes.isOverflown || changes.isFolderGone ||
+               changes.touched.contains(std::filesystem::path(mPath).filename());
     }
 
 private:
@@ -88,13 +58,6 @@ private:
         long long nanoseconds = 0;
         bool operator==(const Stamp&) const = default;
     };
-
-    void drop() {
-        if (mFolderWatch >= 0) {
-            ::inotify_rm_watch(mDescriptor, mFolderWatch);
-            mFolderWatch = -1;
-        }
-    }
 
     bool looksDifferent() {
         Stamp stamp;
@@ -107,8 +70,7 @@ private:
         return isDifferent;
     }
 
-    int mDescriptor;
-    int mFolderWatch = -1;
+    Base::FolderEvents mEvents;
     std::string mPath;
     std::optional<Stamp> mStamp; // none before the first look
 };

@@ -2,10 +2,10 @@
 
 #include "Status.h"
 
+#include <Base/Number.h>
+
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <cmath>
 #include <optional>
 
 namespace TaviSDK {
@@ -67,15 +67,6 @@ const Definition* definitionOf(std::string_view key) {
     return found == kDefinitions.end() ? nullptr : found;
 }
 
-std::optional<double> toNumber(std::string_view text) {
-    double value = 0.0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc{} || end != text.data() + text.size() || !std::isfinite(value)) {
-        return std::nullopt;
-    }
-    return value;
-}
-
 bool isOneOf(std::string_view text, std::string_view texts) {
     while (!texts.empty()) {
         const std::size_t end = std::min(texts.find('|'), texts.size());
@@ -91,7 +82,7 @@ bool takes(const Rule& rule, std::string_view text) {
     if (rule.kind == Rule::OneOf) {
         return isOneOf(text, rule.texts);
     }
-    const std::optional<double> value = toNumber(text);
+    const std::optional<double> value = Base::parseFinite<double>(text);
     if (!value) {
         return false;
     }
@@ -144,7 +135,7 @@ const std::string& Options::text(std::string_view key) const {
 }
 
 double Options::number(std::string_view key) const {
-    return toNumber(text(key)).value_or(0.0);
+    return Base::parseFinite<double>(text(key)).value_or(0.0);
 }
 
 bool Options::isSpectrophotometers(std::string_view key) const {

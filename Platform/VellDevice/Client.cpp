@@ -114,8 +114,7 @@ void Client::tryToConnect(const std::string& path, Socket& socket) {
         VellLogWarning("[Client] - %s\n", problem.what());
         return;
     }
-    CoreFoundation::FileDescriptor connection(
-        ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    Base::FileDescriptor connection(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (connection &&
         connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
         open(path, socket, std::move(connection));
@@ -126,7 +125,7 @@ void Client::tryToConnect(const std::string& path, Socket& socket) {
         lookAgainIn(errno == EAGAIN ? kBusyPause : kLongestPause);
 }
 
-void Client::open(const std::string& path, Socket& socket, CoreFoundation::FileDescriptor connection) {
+void Client::open(const std::string& path, Socket& socket, Base::FileDescriptor connection) {
     Link link;
     link.identifier = ++mLastLink;
     link.socketPath = path;
@@ -158,11 +157,12 @@ bool Client::receive(LinkIdentifier link, std::string_view payload) {
         deliverResponse(link, message);
         return true;
     case MessageType::close:
-        closeRecord(link, stringIn(message.root(), "DevicePath").value_or(""));
+        closeRecord(link, Base::stringIn(message.root(), "DevicePath").value_or(""));
         return true;
     case MessageType::message:
-        VellLogInfo("[Client] - message: %s %s\n", stringIn(message.root(), "First").value_or("").c_str(),
-                    stringIn(message.root(), "Second").value_or("").c_str());
+        VellLogInfo("[Client] - message: %s %s\n",
+                    Base::stringIn(message.root(), "First").value_or("").c_str(),
+                    Base::stringIn(message.root(), "Second").value_or("").c_str());
         return true;
     case MessageType::unknown: // of a later version, perhaps
         return true;
@@ -215,7 +215,7 @@ void Client::deliverResponse(LinkIdentifier link, const Message& message) {
     std::vector<ResponseObserver> observers;
     {
         const std::lock_guard lock(mMutex);
-        command = mPending.find(link, stringIn(message.root(), "Ticket").value_or(""));
+        command = mPending.find(link, Base::stringIn(message.root(), "Ticket").value_or(""));
         observers = mResponseObservers;
     }
     if (observers.empty())

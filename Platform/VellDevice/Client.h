@@ -76,7 +76,7 @@ private:
     void look();
     void lookAgainIn(CFTimeInterval seconds);
     void tryToConnect(const std::string& path, Socket& socket);
-    void open(const std::string& path, Socket& socket, CoreFoundation::FileDescriptor connection);
+    void open(const std::string& path, Socket& socket, Base::FileDescriptor connection);
     bool receive(LinkIdentifier link, std::string_view payload);
     void ended(LinkIdentifier link);
     bool updateRecord(LinkIdentifier link, const Message& message);

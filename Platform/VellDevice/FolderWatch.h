@@ -2,6 +2,7 @@
 
 #include "Delay.h"
 
+#include <Base/FolderEvents.h>
 #include <CoreFoundation/RunLoop.h>
 
 #include <functional>
@@ -36,7 +37,7 @@ private:
     const std::string mFolder;
     const std::function<std::optional<std::string>()> mEnsure;
     const Changed mChanged;
-    CoreFoundation::FileDescriptor mNotifier;
+    std::optional<Base::FolderEvents> mEvents;
     std::unique_ptr<CoreFoundation::FileSource> mSource;
     Delay mRetry;
     bool mComplained = false; // one log line for one trouble

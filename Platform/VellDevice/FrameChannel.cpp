@@ -15,7 +15,7 @@ constexpr std::size_t kFramesPerWrite = 16;
 
 } // namespace
 
-FrameChannel::FrameChannel(CoreFoundation::FileDescriptor socket, CFRunLoopRef loop, std::string peer)
+FrameChannel::FrameChannel(Base::FileDescriptor socket, CFRunLoopRef loop, std::string peer)
     : mLoop(loop), mPeer(std::move(peer)), mSocket(std::move(socket)) {
     mLoop->retain();
 }

@@ -3,7 +3,7 @@
 #include "FrameReader.h"
 #include "Wire.h"
 
-#include <CoreFoundation/FileDescriptor.h>
+#include <Base/FileDescriptor.h>
 #include <CoreFoundation/RunLoop.h>
 
 #include <atomic>
@@ -35,7 +35,7 @@ public:
     };
 
     // `peer` names the other end in the log.
-    FrameChannel(CoreFoundation::FileDescriptor socket, CFRunLoopRef loop, std::string peer);
+    FrameChannel(Base::FileDescriptor socket, CFRunLoopRef loop, std::string peer);
     ~FrameChannel();
 
     void start(Handlers handlers);
@@ -60,7 +60,7 @@ private:
 
     const CFRunLoopRef mLoop;
     const std::string mPeer;
-    const CoreFoundation::FileDescriptor mSocket;
+    const Base::FileDescriptor mSocket;
 
     // The loop's thread only.
     Handlers mHandlers;

@@ -1,32 +1,18 @@
 #include "HardwareDevice.h"
 
+#include <Base/File.h>
+#include <Base/PropertyList.h>
+
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <cstdio>
-#include <memory>
 
 namespace VellService {
 namespace {
 
-constexpr std::size_t kMaximumFile = 1 << 20; // bytes
+using Base::arrayIn;
+using Base::integerIn;
+using Base::stringIn;
 
-std::optional<std::string> contentsOf(const std::string& path, bool& isMissing) {
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "re"), std::fclose);
-    isMissing = !file && errno == ENOENT;
-    if (!file)
-        return std::nullopt;
-    // Piece by piece: this is read whenever somebody asks for a sibling, and is seldom more than one piece.
-    std::string contents;
-    std::array<char, 4096> piece;
-    while (contents.size() < kMaximumFile) {
-        const std::size_t count = std::fread(piece.data(), 1, piece.size(), file.get());
-        if (count == 0)
-            break;
-        contents.append(piece.data(), count);
-    }
-    return std::ferror(file.get()) ? std::nullopt : std::optional(std::move(contents));
-}
+constexpr std::size_t kMaximumFile = 1 << 20; // bytes
 
 std::optional<HardwareDescription::Identifier> identifierIn(plist_t dictionary) {
     const auto vendor = integerIn(dictionary, "VendorID");
@@ -39,23 +25,19 @@ std::optional<HardwareDescription::Identifier> identifierIn(plist_t dictionary) 
 } // namespace
 
 std::optional<HardwareDescription> HardwareDescription::read(const std::string& file, bool& isMissing) {
-    const auto contents = contentsOf(file, isMissing);
-    const PropertyListPtr root = contents ? parsePropertyList(*contents) : nullptr;
-    if (!root || plist_get_node_type(root.get()) != PLIST_DICT)
-        return std::nullopt;
+    const Base::FileContents contents = Base::readFile(file, kMaximumFile);
+    isMissing = contents.isMissing();
+    const Base::PropertyListPtr root = contents ? Base::parsePropertyList(contents.bytes) : nullptr;
     HardwareDescription description;
     description.path = stringIn(root.get(), "Path").value_or("");
     if (description.path.empty())
         return std::nullopt;
     description.identifier = identifierIn(root.get());
     description.deviceClass = stringIn(root.get(), "DeviceClass").value_or("");
-    if (const plist_t siblings = arrayIn(root.get(), "Siblings")) {
-        forEachElement(siblings, [&](plist_t sibling) {
-            const bool isDictionary = plist_get_node_type(sibling) == PLIST_DICT;
-            if (const auto known = isDictionary ? identifierIn(sibling) : std::nullopt)
-                description.siblings.push_back(*known);
-        });
-    }
+    Base::forEachElement(arrayIn(root.get(), "Siblings"), [&](plist_t sibling) {
+        if (const auto known = identifierIn(sibling))
+            description.siblings.push_back(*known);
+    });
     return description;
 }
 

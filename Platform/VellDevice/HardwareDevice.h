@@ -1,6 +1,6 @@
 #pragma once
 
-#include "PropertyList.h"
+#include "Values.h"
 
 #include <cstdint>
 #include <mutex>

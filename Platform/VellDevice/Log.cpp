@@ -1,7 +1,7 @@
 #include "Library.h"
 #include "RuntimeFolder.h"
 
-#include <CoreFoundation/FileDescriptor.h>
+#include <Base/FileDescriptor.h>
 #include <CoreFoundation/Object.h>
 
 #include <fcntl.h>
@@ -109,7 +109,7 @@ void Output::setFile(const char* name) {
         return useStandardError();
     }
     const std::string path = folder + "/" + file;
-    CoreFoundation::FileDescriptor opened(
+    Base::FileDescriptor opened(
         open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
     if (!opened) {
         complain("no log file: cannot open " + path + ": " + std::generic_category().message(errno));

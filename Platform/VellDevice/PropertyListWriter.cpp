@@ -1,6 +1,6 @@
 #include "PropertyListWriter.h"
 
-#include "Utf8.h"
+#include <Base/Utf8.h>
 
 #include <algorithm>
 #include <cstring>
@@ -82,7 +82,7 @@ PropertyListWriter::Value PropertyListWriter::text(std::string_view utf8) {
     if (isAscii(utf8))
         return plainText(utf8);
     const std::size_t begin = mLeaves.size();
-    const auto units = utf16(validUtf8(std::string(utf8)));
+    const auto units = utf16(Base::validUtf8(std::string(utf8)));
     putMarker(mLeaves, 0x60, units.size());
     for (const std::uint16_t unit : units)
         putNumber(mLeaves, unit, 2);

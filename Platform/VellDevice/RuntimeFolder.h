@@ -1,6 +1,6 @@
 #pragma once
 
-#include <CoreFoundation/FileDescriptor.h>
+#include <Base/FileDescriptor.h>
 
 #include <optional>
 #include <string>

@@ -85,7 +85,7 @@ void Server::listenAgain() {
 
 void Server::acceptClients(const std::shared_ptr<Listener>& listener) {
     for (int count = 0; count < kAcceptsInARow; ++count) {
-        CoreFoundation::FileDescriptor socket(
+        Base::FileDescriptor socket(
             accept4(listener->socket.descriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (socket) {
             mIsShort = false;
@@ -115,7 +115,7 @@ void Server::pauseAccepting(const std::shared_ptr<Listener>& listener) {
     });
 }
 
-void Server::admit(CoreFoundation::FileDescriptor socket) {
+void Server::admit(Base::FileDescriptor socket) {
     ucred credentials{};
     socklen_t size = sizeof credentials;
     if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)

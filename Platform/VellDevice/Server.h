@@ -50,7 +50,7 @@ private:
     std::optional<std::string> tryToListen(const std::string& path);
     void listenAgain();
     void acceptClients(const std::shared_ptr<Listener>& listener);
-    void admit(CoreFoundation::FileDescriptor socket);
+    void admit(Base::FileDescriptor socket);
     void pauseAccepting(const std::shared_ptr<Listener>& listener);
     bool receive(std::string_view payload, const Sender& sender);
     void setServed(ConnectionIdentifier client);

@@ -43,11 +43,11 @@ public:
     }
 
 private:
-    CoreFoundation::FileDescriptor mFolder;
+    Base::FileDescriptor mFolder;
 };
 
-CoreFoundation::FileDescriptor newSocket() {
-    CoreFoundation::FileDescriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+Base::FileDescriptor newSocket() {
+    Base::FileDescriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd)
         fail("cannot make a socket");
     return fd;

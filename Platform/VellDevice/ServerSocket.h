@@ -1,6 +1,6 @@
 #pragma once
 
-#include <CoreFoundation/FileDescriptor.h>
+#include <Base/FileDescriptor.h>
 
 #include <sys/types.h>
 
@@ -32,7 +32,7 @@ public:
 
 private:
     std::string mPath;
-    CoreFoundation::FileDescriptor mSocket;
+    Base::FileDescriptor mSocket;
     dev_t mDevice = 0;
     ino_t mInode = 0;
     std::atomic<bool> mWithdrawn{false};

@@ -1,6 +1,7 @@
 #include "Values.h"
 
-#include <CoreFoundation/FileDescriptor.h>
+#include <Base/File.h>
+#include <Base/Number.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -62,23 +63,9 @@ double leadingNumber(const char* text) {
 VellDataRef dataOfFile(VellStringRef path) {
     if (!path)
         return nullptr;
-    const CoreFoundation::FileDescriptor file(open(path->text.c_str(), O_RDONLY | O_CLOEXEC));
-    struct stat status {};
-    if (!file || fstat(file.get(), &status) != 0 || S_ISDIR(status.st_mode))
-        return nullptr;
-    std::string bytes;
-    constexpr std::size_t step = std::size_t{64} * 1024;
     constexpr std::size_t limit = std::numeric_limits<int>::max();
-    for (;;) {
-        const std::size_t size = bytes.size();
-        bytes.resize(size + step);
-        const ssize_t count = read(file.get(), bytes.data() + size, step);
-        if (count < 0 || size + step > limit)
-            return nullptr;
-        bytes.resize(size + static_cast<std::size_t>(count));
-        if (count == 0)
-            return new __VellData(std::move(bytes));
-    }
+    Base::FileContents file = Base::readFile(path->text, limit);
+    return file ? new __VellData(std::move(file.bytes)) : nullptr;
 }
 
 } // namespace
@@ -153,16 +140,8 @@ int VellStringCompare(VellStringRef left, VellStringRef right, int options) {
 // --- Numbers
 
 std::int64_t __VellNumber::integerValue() const {
-    if (const double* real = std::get_if<double>(&value)) {
-        constexpr double limit = 9223372036854775808.0; // 2^63
-        if (std::isnan(*real))
-            return 0;
-        if (*real >= limit)
-            return std::numeric_limits<std::int64_t>::max();
-        if (*real < -limit)
-            return std::numeric_limits<std::int64_t>::min();
-        return static_cast<std::int64_t>(*real);
-    }
+    if (const double* real = std::get_if<double>(&value))
+        return Base::saturated(*real);
     if (const std::int64_t* integer = std::get_if<std::int64_t>(&value))
         return *integer;
     return std::get<bool>(value) ? 1 : 0;

@@ -1,7 +1,9 @@
 #include "Wire.h"
 
+#include "Coder.h"
 #include "PropertyListWriter.h"
-#include "Utf8.h"
+
+#include <Base/Utf8.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -9,6 +11,15 @@
 
 namespace VellService {
 namespace {
+
+using Base::arrayIn;
+using Base::dataIn;
+using Base::dictionaryIn;
+using Base::forEachElement;
+using Base::forEachEntry;
+using Base::integerIn;
+using Base::stringIn;
+using Base::stringOf;
 
 // More entries than any message of ours has: a sender who goes beyond is not worth the time.
 constexpr std::uint32_t kMaximumEntries = 4096;
@@ -123,20 +134,17 @@ void forEachString(plist_t dictionary, Function function) {
         return;
     forEachEntry(dictionary, [&](const char* key, plist_t value) {
         if (auto text = stringOf(value))
-            function(makeString(validUtf8(key)), makeString(std::move(*text)));
+            function(makeString(Base::validUtf8(key)), makeString(std::move(*text)));
     });
 }
 
 Ref<__VellMeasurementColor> colorOf(plist_t node) {
     auto color = Ref<__VellMeasurementColor>::adopt(new __VellMeasurementColor);
     color->colorSpace = stringObjectIn(node, "ColorSpace");
-    if (const plist_t values = arrayIn(node, "Values")) {
-        color->values.reserve(plist_array_get_size(values));
-        forEachElement(values, [&](plist_t value) {
-            if (auto text = stringOf(value))
-                color->values.push_back(makeString(std::move(*text)));
-        });
-    }
+    forEachElement(arrayIn(node, "Values"), [&](plist_t value) {
+        if (auto text = stringOf(value))
+            color->values.push_back(makeString(std::move(*text)));
+    });
     forEachString(dictionaryIn(node, "Attributes"),
                   [&](const Ref<__VellString>& key, const Ref<__VellString>& value) {
                       color->setAttribute(key.get(), value.get());
@@ -151,12 +159,10 @@ Ref<__VellMeasurementSet> setOf(plist_t array) {
             return;
         auto measurement = Ref<__VellMeasurement>::adopt(new __VellMeasurement);
         measurement->mode = stringObjectIn(entry, "Mode");
-        if (const plist_t colors = arrayIn(entry, "Colors")) {
-            forEachElement(colors, [&](plist_t color) {
-                if (isDictionary(color))
-                    measurement->colors.push_back(colorOf(color));
-            });
-        }
+        forEachElement(arrayIn(entry, "Colors"), [&](plist_t color) {
+            if (isDictionary(color))
+                measurement->colors.push_back(colorOf(color));
+        });
         set->measurements.push_back(std::move(measurement));
     });
     return set;
@@ -245,7 +251,7 @@ Frame messageFrame(const __VellString* first, const __VellString* second) {
     return message.frame("message");
 }
 
-Message::Message(std::string_view payload) : mRoot(parseBinaryPropertyList(payload)) {
+Message::Message(std::string_view payload) : mRoot(Base::parseBinaryPropertyList(payload)) {
     if (!isDictionary(mRoot.get()))
         return;
     const std::string type = stringIn(mRoot.get(), "Type").value_or("");
@@ -319,12 +325,10 @@ std::optional<RecordFields> recordOf(const Message& message) {
     fields.mode = stringObjectIn(record, "Mode");
     fields.lockHolder = stringObjectIn(record, "LockHolder");
     fields.modes = Ref<__VellArray>::adopt(new __VellArray);
-    if (const plist_t modes = arrayIn(record, "Modes")) {
-        forEachElement(modes, [&](plist_t mode) {
-            if (auto text = stringOf(mode))
-                fields.modes->values.push_back(Ref<Object>::adopt(new __VellString(std::move(*text))));
-        });
-    }
+    forEachElement(arrayIn(record, "Modes"), [&](plist_t mode) {
+        if (auto text = stringOf(mode))
+            fields.modes->values.push_back(Ref<Object>::adopt(new __VellString(std::move(*text))));
+    });
     forEachString(dictionaryIn(record, "Attributes"), [&](Ref<__VellString> key, Ref<__VellString> value) {
         fields.attributes.push_back({std::move(key), std::move(value)});
     });

@@ -4,7 +4,8 @@
 
 #include "Command.h"
 #include "DeviceRecord.h"
-#include "PropertyList.h"
+
+#include <Base/PropertyList.h>
 
 #include <memory>
 #include <string>
@@ -36,7 +37,7 @@ public:
     plist_t root() const { return mRoot.get(); }
 
 private:
-    PropertyListPtr mRoot;
+    Base::PropertyListPtr mRoot;
     MessageType mType = MessageType::malformed;
 };
 

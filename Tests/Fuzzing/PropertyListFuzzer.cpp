@@ -2,6 +2,7 @@
 // written so that it reads back the same.
 #include "Fuzzing.h"
 
+#include <VellDevice/Coder.h>
 #include <VellDevice/Wire.h>
 
 #include <string_view>
@@ -11,7 +12,7 @@ using namespace VellService;
 namespace {
 
 void readAsObjects(std::string_view bytes) {
-    const PropertyListPtr root = parsePropertyList(bytes);
+    const Base::PropertyListPtr root = Base::parsePropertyList(bytes);
     if (!root)
         return;
     const Ref<Object> object = objectOfNode(root.get());
@@ -20,7 +21,7 @@ void readAsObjects(std::string_view bytes) {
     const auto written = propertyListOf(object.get());
     if (!written)
         return;
-    const PropertyListPtr again = parseBinaryPropertyList(*written);
+    const Base::PropertyListPtr again = Base::parseBinaryPropertyList(*written);
     fuzzing::require(again != nullptr, "what was written can be read");
     const Ref<Object> second = objectOfNode(again.get());
     fuzzing::require(second && propertyListOf(second.get()) == written, "what was read writes as it was");

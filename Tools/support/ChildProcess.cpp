@@ -1,6 +1,6 @@
 #include "ChildProcess.h"
 
-#include <CoreFoundation/FileDescriptor.h>
+#include <Base/FileDescriptor.h>
 
 #include <poll.h>
 #include <spawn.h>
@@ -105,7 +105,7 @@ std::optional<ProcessEnd> ChildProcess::poll() {
 std::optional<ProcessEnd> ChildProcess::waitFor(std::chrono::milliseconds timeout) {
     if (mEnd)
         return mEnd;
-    const CoreFoundation::FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, mProcess, 0)));
+    const Base::FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, mProcess, 0)));
     pollfd ended{process.get(), POLLIN, 0};
     ::poll(&ended, 1, static_cast<int>(timeout.count()));
     return poll();

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <CoreFoundation/FileDescriptor.h>
+#include <Base/FileDescriptor.h>
 
 #include <functional>
 #include <initializer_list>
@@ -19,8 +19,8 @@ private:
     void watch();
 
     std::function<void(int)> mHandler;
-    CoreFoundation::FileDescriptor mSignals;
-    CoreFoundation::FileDescriptor mStop;
+    Base::FileDescriptor mSignals;
+    Base::FileDescriptor mStop;
     std::thread mThread;
 };
 

@@ -5,6 +5,8 @@
 #include "Commands.h"
 #include "Output.h"
 
+#include <Base/Number.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
@@ -19,9 +21,7 @@ namespace {
 
 // The whole text as a number; NaN when it is none.
 double numberIn(const std::string& text) {
-    char* end = nullptr;
-    const double number = std::strtod(text.c_str(), &end);
-    return !text.empty() && *end == '\0' ? number : std::nan("");
+    return Base::parseNumber<double>(text).value_or(std::nan(""));
 }
 
 // A check of an option's value that says in words what is wrong with it.

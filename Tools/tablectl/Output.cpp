@@ -2,7 +2,7 @@
 
 #include "Errors.h"
 
-#include <VellDevice/Utf8.h>
+#include <Base/Utf8.h>
 
 #include <unistd.h>
 
@@ -37,7 +37,7 @@ Json& Json::add(std::string_view key, double value) {
 
 std::string Json::quote(std::string_view text) {
     std::string result = "\"";
-    for (const char character : VellService::validUtf8(std::string(text))) {
+    for (const char character : Base::validUtf8(std::string(text))) {
         if (character == '"' || character == '\\') {
             result += '\\';
             result += character;

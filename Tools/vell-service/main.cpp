@@ -3,6 +3,8 @@
 #include "DeviceService.h"
 #include "Log.h"
 
+#include <Base/FileDescriptor.h>
+#include <Base/Number.h>
 #include <VellDevice/RuntimeFolder.h>
 
 #include <fcntl.h>
@@ -12,8 +14,6 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <charconv>
-#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -51,24 +51,15 @@ UsageError badValue(const std::string& option, const std::string& wanted, const 
     return UsageError(option + ": not " + wanted + ": '" + given + "'");
 }
 
-// The whole text as a number; nothing when it is none.
-template <typename Number>
-std::optional<Number> parseNumber(const std::string& text) {
-    Number number{};
-    const char* const textEnd = text.data() + text.size();
-    const auto [end, error] = std::from_chars(text.data(), textEnd, number);
-    return error == std::errc() && end == textEnd ? std::optional(number) : std::nullopt;
-}
-
 double parsePause(const std::string& text) {
-    const auto pause = parseNumber<double>(text);
-    if (!pause || !std::isfinite(*pause) || *pause < 0)
+    const auto pause = Base::parseFinite<double>(text);
+    if (!pause || *pause < 0)
         throw badValue("--restart-pause", "a number of seconds", text);
     return *pause;
 }
 
 pid_t parseProcess(const std::string& text) {
-    const auto process = parseNumber<pid_t>(text);
+    const auto process = Base::parseNumber<pid_t>(text);
     if (!process || *process <= 0)
         throw badValue("--temporary", "a process", text);
     return *process;
@@ -136,12 +127,12 @@ std::optional<Options> parseOptions(int argc, char** argv) {
 
 // Two services would start two plug-ins for each device. The hardware folder itself carries the lock, so that
 // nothing is left of it whichever way the service ends.
-CoreFoundation::FileDescriptor lockHardware(const std::string& folder) {
+Base::FileDescriptor lockHardware(const std::string& folder) {
     for (const auto& problem : {VellService::ensureRuntimeFolder(), VellService::ensureFolder(folder)}) {
         if (problem)
             throw std::runtime_error(*problem);
     }
-    CoreFoundation::FileDescriptor lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Base::FileDescriptor lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!lock || flock(lock.get(), LOCK_EX | LOCK_NB) != 0)
         throw std::runtime_error("a service is already watching " + folder);
     return lock;
@@ -154,7 +145,7 @@ int run(const Options& options) {
             throw std::runtime_error("the process that the service is for is gone");
     }
     const std::string hardware = VellService::hardwareFolderPath();
-    const CoreFoundation::FileDescriptor lock = lockHardware(hardware);
+    const Base::FileDescriptor lock = lockHardware(hardware);
     const service::Bundle bundle(!options.bundle.empty() ? options.bundle : tools::ownBundle());
 
     VellDeviceCenterRef center = VellDeviceCenterGetDistributedCenter();

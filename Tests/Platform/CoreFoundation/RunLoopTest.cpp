@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-using CoreFoundation::FileDescriptor;
+using Base::FileDescriptor;
 using CoreFoundation::FileSource;
 using CoreFoundation::VirtualClock;
 using ::testing::ElementsAre;

@@ -164,7 +164,7 @@ TEST_F(ClientTest, LateObserverIsToldOnceAndMayUnregisterInItsCallback) {
 TEST_F(ClientTest, GarbageFromAPluginIsNoPluginAndIsNotAskedAgainAtOnce) {
     CoreFoundation::VirtualClock clock;
     const std::string path = folder.path() + "/0badf00d.sock";
-    const CoreFoundation::FileDescriptor listener(socket(AF_UNIX, SOCK_STREAM, 0));
+    const Base::FileDescriptor listener(socket(AF_UNIX, SOCK_STREAM, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
@@ -176,7 +176,7 @@ TEST_F(ClientTest, GarbageFromAPluginIsNoPluginAndIsNotAskedAgainAtOnce) {
     };
     ASSERT_TRUE(runUntil(isAsked));
     for (const double pause : {0.1, 0.2, 0.4}) {
-        const CoreFoundation::FileDescriptor client(accept(listener.get(), nullptr, nullptr));
+        const Base::FileDescriptor client(accept(listener.get(), nullptr, nullptr));
         const std::string garbage = FrameClient::frame("garbage");
         ASSERT_EQ(::send(client.get(), garbage.data(), garbage.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(garbage.size()));

@@ -1,15 +1,15 @@
 #include "FrameClient.h"
 
-#include <VellDevice/PropertyListGuard.h>
-#include <VellDevice/Utf8.h>
+#include <Base/PropertyListGuard.h>
+#include <Base/Utf8.h>
 
 #include <gmock/gmock.h>
 
 #include <random>
 
 using namespace VellTest;
-using VellService::PropertyListGuard;
-using VellService::validUtf8;
+using Base::PropertyListGuard;
+using Base::validUtf8;
 
 namespace {
 

@@ -411,8 +411,8 @@ protected:
         return ::testing::internal::GetCapturedStderr();
     }
     // A socket at the path, listening or left by a process that is gone.
-    CoreFoundation::FileDescriptor makeSocket(bool listening) const {
-        CoreFoundation::FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    Base::FileDescriptor makeSocket(bool listening) const {
+        Base::FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.copy(address.sun_path, sizeof address.sun_path - 1);

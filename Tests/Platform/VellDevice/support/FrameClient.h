@@ -2,7 +2,7 @@
 
 #include "RuntimeFolderFixture.h"
 
-#include <CoreFoundation/FileDescriptor.h>
+#include <Base/FileDescriptor.h>
 #include <VellDevice/VellDevice.h>
 
 #include <fcntl.h>
@@ -209,7 +209,7 @@ private:
         return payload;
     }
 
-    CoreFoundation::FileDescriptor mSocket;
+    Base::FileDescriptor mSocket;
     std::string mBytes;
     bool mAtEnd = false;
 };

@@ -1,15 +1,15 @@
 #pragma once
 
-#include "Values.h"
-
 #include <plist/plist.h>
 
+#include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
-namespace VellService {
+namespace Base {
 
 // Reading property lists through the library, which gives an untyped tree; this is the typed and bounded way
 // to it.
@@ -25,20 +25,28 @@ PropertyListPtr parseBinaryPropertyList(std::string_view bytes);
 PropertyListPtr parseXmlPropertyList(std::string_view bytes);
 PropertyListPtr parsePropertyList(std::string_view bytes); // either
 
-// What a dictionary holds under a key; nothing when it is missing or of another type.
+// A node's value; nothing when there is no node or it is of another type. Texts are made valid UTF-8.
+std::optional<std::string> stringOf(plist_t node);
+std::optional<std::int64_t> integerOf(plist_t node); // a real or a boolean counts, too
+std::optional<double> realOf(plist_t node);          // an integer counts, too
+std::optional<bool> flagOf(plist_t node);
+std::optional<std::string> dataOf(plist_t node);
+
+// What stands under a key; the same, and nothing for what is no dictionary.
 std::optional<std::string> stringIn(plist_t dictionary, const char* key);
-std::optional<std::int64_t> integerIn(plist_t dictionary, const char* key); // a real or a boolean counts, too
+std::optional<std::int64_t> integerIn(plist_t dictionary, const char* key);
+std::optional<double> realIn(plist_t dictionary, const char* key);
+std::optional<bool> flagIn(plist_t dictionary, const char* key);
 std::optional<std::string> dataIn(plist_t dictionary, const char* key);
 plist_t arrayIn(plist_t dictionary, const char* key);
 plist_t dictionaryIn(plist_t dictionary, const char* key);
-Ref<__VellString> stringObjectIn(plist_t dictionary, const char* key); // null when missing
 
-std::optional<std::string> stringOf(plist_t node);
-std::optional<std::int64_t> integerOf(plist_t node);
-
-// Calls `function(node)` for each element, `function(key, node)` for each entry, in order.
+// Calls `function(node)` for each element, `function(key, node)` for each entry, in order; for null and what
+// is no such container, not at all.
 template <typename Function>
 void forEachElement(plist_t array, Function function) {
+    if (!array || plist_get_node_type(array) != PLIST_ARRAY)
+        return;
     plist_array_iter iterator = nullptr;
     plist_array_new_iter(array, &iterator);
     const std::unique_ptr<void, void (*)(void*)> owner(iterator, std::free);
@@ -49,6 +57,8 @@ void forEachElement(plist_t array, Function function) {
 
 template <typename Function>
 void forEachEntry(plist_t dictionary, Function function) {
+    if (!dictionary || plist_get_node_type(dictionary) != PLIST_DICT)
+        return;
     plist_dict_iter iterator = nullptr;
     plist_dict_new_iter(dictionary, &iterator);
     const std::unique_ptr<void, void (*)(void*)> owner(iterator, std::free);
@@ -63,10 +73,4 @@ void forEachEntry(plist_t dictionary, Function function) {
     }
 }
 
-// Null when there is something in the tree that is no service object.
-Ref<Object> objectOfNode(plist_t node);
-// The binary property list of an object of plain values. Nothing when there is something else in it, or more
-// than 64 levels.
-std::optional<std::string> propertyListOf(const Object* object);
-
-} // namespace VellService
+} // namespace Base

@@ -1,10 +1,10 @@
-#include "PropertyListGuard.h"
+#include <Base/PropertyListGuard.h>
 
 #include <algorithm>
 #include <optional>
 #include <vector>
 
-namespace VellService {
+namespace Base {
 namespace {
 
 constexpr std::string_view kBinaryMagic = "bplist00";
@@ -235,4 +235,4 @@ bool PropertyListGuard::isSafeXml(std::string_view bytes) {
            XmlScanner(bytes).isShallow();
 }
 
-} // namespace VellService
+} // namespace Base

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-namespace CoreFoundation {
+namespace Base {
 
 // Owns one open descriptor; -1 is none.
 class FileDescriptor {
@@ -33,4 +33,4 @@ private:
     int mFd = -1;
 };
 
-} // namespace CoreFoundation
+} // namespace Base

@@ -1,9 +1,9 @@
-#include "Utf8.h"
+#include <Base/Utf8.h>
 
 #include <algorithm>
 #include <cstdint>
 
-namespace VellService {
+namespace Base {
 namespace {
 
 // The length of the valid sequence that begins at `position`; 0 when there is none.
@@ -56,4 +56,4 @@ std::string validUtf8(std::string text) {
     return valid;
 }
 
-} // namespace VellService
+} // namespace Base

@@ -3,9 +3,9 @@
 #include <string>
 #include <string_view>
 
-namespace VellService {
+namespace Base {
 
 // The text with every byte that is not part of valid UTF-8 replaced by U+FFFD.
 std::string validUtf8(std::string text);
 
-} // namespace VellService
+} // namespace Base

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string_view>
 
-namespace VellService {
+namespace Base {
 
 // Looks at the shape of a property list before the library gets it. The library follows references and
 // nesting by recursion and copies a shared object once for each reference to it, so bytes that anybody may
@@ -20,4 +20,4 @@ public:
     static bool isSafeXml(std::string_view bytes);
 };
 
-} // namespace VellService
+} // namespace Base
