@@ -1,11 +1,14 @@
 """What the tests of the programs share: a runtime folder of their own, charts, and a client on the wire."""
 
 import contextlib
+import fcntl
 import math
 import os
 import plistlib
+import pty
 import random
 import re
+import select
 import shutil
 import signal
 import socket
@@ -13,6 +16,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import time
 import unittest
 
@@ -159,6 +163,36 @@ class Client:
                 return frame["Record"]
 
 
+class Terminal:
+    """What a program shows on a terminal of its own, and the keys that are pressed there."""
+
+    def __init__(self, columns, rows=24):
+        self.parent, self.child = pty.openpty()
+        fcntl.ioctl(self.child, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+        self.shown = ""
+        self.seen = 0  # how much of it was waited for
+
+    def _read(self):
+        with contextlib.suppress(OSError):  # what the last program on it leaves
+            if select.select([self.parent], [], [], 0.01)[0]:
+                self.shown += os.read(self.parent, 65536).decode()
+
+    def wait_for(self, text):
+        """Waits until the text is shown after what was waited for before."""
+        def is_shown():
+            self._read()
+            return text in self.shown[self.seen:]
+        wait_until(is_shown, repr(text))
+        self.seen = self.shown.index(text, self.seen) + len(text)
+
+    def press(self, keys):
+        os.write(self.parent, keys.encode())
+
+    def close(self):
+        os.close(self.parent)
+        os.close(self.child)
+
+
 class ToolsTest(unittest.TestCase):
     """Each test has a runtime folder of its own and leaves no process behind."""
 
@@ -209,6 +243,14 @@ class ToolsTest(unittest.TestCase):
         process.kill()
         process.communicate()
         self.fail(f"{process.args} does not end")
+
+    def start_on_terminal(self, columns, *arguments, environment=None):
+        """A command that is steered by keys, and its terminal."""
+        terminal = Terminal(columns)
+        self.addCleanup(terminal.close)
+        process = self.start("tablectl", *arguments, environment=environment, stdin=terminal.child,
+                             stdout=terminal.child, stderr=terminal.child)
+        return process, terminal
 
     def run_tablectl(self, *arguments):
         return subprocess.run([os.path.join(self.programs, "tablectl"), *arguments], env=self.environment, text=True,

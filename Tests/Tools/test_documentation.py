@@ -42,7 +42,7 @@ class DocumentationTest(ToolsTest):
         self.attach("usb:table-1")
         self.connect()
         open(self.path("layout.txt"), "w").close()
-        for line, completions in {"tablectl s": "status set send scan simulate", "tablectl --dev": "--device",
+        for line, completions in {"tablectl s": "status set send scan spot simulate", "tablectl --dev": "--device",
                                   "tablectl --device ": "usb:table-1", "tablectl --device usb:t": "table-1",
                                   "tablectl scan --re": "--report", "tablectl scan lay": "layout.txt",
                                   "tablectl --simulated scan sc": "scan", "tablectl get Mod": "Modes Mode",

@@ -4,8 +4,10 @@ import glob
 import json
 import math
 import os
+import re
 import resource
 import signal
+import termios
 import unittest
 
 from support import BANDS, Chart, ToolsTest, measurements_so_far, read_measurements, single, wait_until
@@ -229,6 +231,77 @@ class InterruptedScanTest(ToolsTest):
         self.assertEqual(scan.returncode, 1)
         self.assertIn("the device went away", error)
         self.assertGreaterEqual(len(read_measurements(self.path("out.txt"))), 10)
+
+
+class AlignTest(ToolsTest):
+    """Where a chart lies is found by hand, and measured there."""
+
+    UP, DOWN, RIGHT = "\033OA", "\033[B", "\033[C"
+
+    def setUp(self):
+        super().setUp()
+        self.printed = Chart(3, 6, last=4, pitch=math.hypot(50, 3) / 5, angle=math.atan2(3, 50), origin=(43.0, 38.1))
+        self.layout = self.write_chart(Chart(3, 6, last=4))  # as it was meant to lie
+        self.start_service()
+        self.attach("usb:table", Chart=self.write_chart(self.printed, "printed.txt"))
+        self.client = self.connect()
+        self.tablectl("mode", "ScanningReflectance")
+
+    def visor(self):
+        return self.tablectl("get", "TaviTIsVisorCoordinate")[0]
+
+    def test_the_corners_that_were_found_are_measured(self):
+        aligned = self.path("aligned.txt")
+        process, terminal = self.start_on_terminal(47, "align", self.layout, "--output", aligned)
+        terminal.wait_for("top left  40.0 40.0")
+        self.assertEqual(self.visor(), "yes\n")
+        terminal.press(3 * self.RIGHT + 2 * self.UP + "ss" + self.DOWN)  # by 1, then by 0.1
+        terminal.wait_for("top left  43.0 38.1")
+        terminal.press("ss" + 60 * self.UP + "\r")  # by 10, to nowhere: the head stays, and nothing is taken
+        terminal.wait_for("beyond the table")
+        terminal.press("ss\r")
+        terminal.wait_for("top right  93.0 38.1")  # the chart is taken to have slid
+        terminal.press(3 * self.DOWN + "\rb")  # not so fast
+        terminal.wait_for("top right  93.0 41.1")
+        terminal.press("\r")
+        terminal.wait_for("bottom right  91.8 61.1")  # and turned
+        terminal.press("\r")
+        self.assertEqual(process.wait(60), 0)
+        terminal.wait_for("turned by 3.43 degrees, leaning by 0.00, pitch 10.02 by 10.02")
+        self.assertLessEqual(max(map(len, re.findall(r"[^\r\n\x1b]*  step [^\r\n\x1b]*", terminal.shown))), 46)
+        self.assertEqual(self.visor(), "no\n")
+        self.assertEqual(self.client.call("GetDevicePosition")["Message"], "0.000000,0.000000")
+        self.tablectl("scan", aligned, "--output", self.path("out.txt"))
+        measured = [single(float(reading["SPECTRAL_NM380"])) for reading in read_measurements(self.path("out.txt"))]
+        self.assertEqual(measured, [single(spectrum[0]) for spectrum in self.printed.spectra.values()])
+
+    def test_leaving_leaves_nothing(self):
+        before = sorted(os.listdir(self.folder))
+        for leave, status in ((lambda: terminal.press("\r" + self.RIGHT + "q"), 1),
+                              (lambda: process.send_signal(signal.SIGINT), 128 + signal.SIGINT)):
+            process, terminal = self.start_on_terminal(80, "align", self.layout, "--output", self.path("aligned.txt"))
+            terminal.wait_for("top left")
+            leave()
+            self.assertEqual(process.wait(60), status)
+            self.assertTrue(termios.tcgetattr(terminal.child)[3] & termios.ECHO)
+            self.assertEqual(self.visor(), "no\n")
+            self.assertEqual(self.client.call("GetDevicePosition")["Message"], "0.000000,0.000000")
+        self.assertEqual(sorted(os.listdir(self.folder)), before)
+        self.assertIn("needs a terminal", self.tablectl("align", self.layout, status=2)[1])
+
+    def test_a_place_is_read_as_often_as_asked_for(self):
+        patch = self.printed.spectra[1, 2]
+        x, y = (43 + 2 * 10 - 0.6, 38.1 + 10 + 1.2)
+        readings = [json.loads(line) for line in
+                    self.tablectl("--json", "spot", str(x), str(y), "--count", "7")[0].splitlines()]
+        self.assertEqual(readings.pop(0), {"event": "calibrating"})
+        self.assertEqual([reading["spotIndex"] for reading in readings], list(range(7)))
+        self.assertEqual({single(reading["spectrum"][35]) for reading in readings}, {single(patch[35])})
+        text, _ = self.tablectl("spot", str(x), str(y))
+        self.assertRegex(text, "^L\\* {:.2f}  a\\* {:.2f}  b\\* {:.2f}\n$".format(*readings[0]["lab"]))
+        _, terminal = self.start_on_terminal(80, "spot", str(x), str(y), environment={"COLORTERM": "truecolor"})
+        terminal.wait_for("\033[48;2;")
+        self.assertIn("lies outside the table", self.tablectl("spot", "1e5", "0", status=1)[1])
 
 
 class CalibrationOfOthersTest(ToolsTest):

@@ -1,7 +1,7 @@
 # Completion of tablectl for bash.
 
 _tablectl() {
-    local commands="list status commands get set mode calibrate move position home cancel reset send lock scan simulate"
+    local commands="list status commands get set mode calibrate move position home cancel reset send lock scan spot align simulate"
     local options="--help --version --runtime-dir --device --json --simulated --noise"
     local words current previous command="" skip="" word
     local folder=() device=() # what the line itself says of them
@@ -50,12 +50,14 @@ _tablectl() {
             ;;
         status) options+=" --watch" ;;
         scan) options+=" --output --report --rows --spot --low-resolution --time-scale" ;;
+        spot) options+=" --count --time-scale" ;;
+        align) options+=" --output --time-scale" ;;
         simulate)
             options+=" --attach --detach --serial --identifier --chart --time-scale --noise --fault --table"
             options+=" --spectrophotometer --press"
             ;;
     esac
-    if [[ "$command" == scan && "$current" != -* ]]; then
+    if [[ "$command" =~ ^(scan|align)$ && "$current" != -* ]]; then
         COMPREPLY=($(compgen -f -- "$current"))
     elif [[ "$current" == -* ]]; then
         COMPREPLY=($(compgen -W "$options" -- "$current"))

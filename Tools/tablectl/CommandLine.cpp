@@ -77,6 +77,7 @@ public:
         addInformation();
         addControl();
         addScan();
+        addPlaces();
         addSimulate();
     }
 
@@ -94,6 +95,8 @@ private:
     void addInformation();
     void addControl();
     void addScan();
+    void addPlaces();
+    void addTimeScale(CLI::App& command);
     void addSimulate();
 
     CommandLine& mLine;
@@ -198,10 +201,46 @@ void Grammar::addScan() {
         ->type_name("N")
         ->check(kCount);
     scan.add_flag("--low-resolution", request->lowResolution, "Recognise patches that differ clearly only");
-    scan.add_option("--time-scale", mLine.options.timeScale,
+    addTimeScale(scan);
+}
+
+void Grammar::addTimeScale(CLI::App& command) {
+    command
+        .add_option("--time-scale", mLine.options.timeScale,
                     "Of the virtual instrument: 1 as the real table, 0 at once")
         ->type_name("F")
         ->check(kNotNegative);
+}
+
+// Those about places on the table that a chart's layout does not know.
+void Grammar::addPlaces() {
+    struct Spot {
+        Color::Point place;
+        int count = 1;
+    };
+    const auto spot = std::make_shared<Spot>();
+    CLI::App& spotCommand = add("spot", "Reads the colour of one place", [spot](Context& context) {
+        commands::spot(context, spot->place, spot->count);
+    });
+    spotCommand.add_option("X", spot->place.x, "Table coordinates")
+        ->type_name("")
+        ->required()
+        ->check(kNumber);
+    spotCommand.add_option("Y", spot->place.y)->type_name("")->required()->check(kNumber);
+    spotCommand.add_option("--count", spot->count, "Read it N times")->type_name("N")->check(kCount);
+    addTimeScale(spotCommand);
+
+    using Pair = std::pair<std::string, std::string>;
+    const auto files = std::make_shared<Pair>();
+    CLI::App& align =
+        add("align", "Finds out where a chart lies: arrow keys set the visor on its corners",
+            [files](Context& context) { commands::align(context, files->first, files->second); });
+    align.add_option("TARGET", files->first, "The chart's layout file")->type_name("")->required();
+    align
+        .add_option("--output", files->second,
+                    "The layout with the corners that were found (default: standard output)")
+        ->type_name("FILE");
+    addTimeScale(align);
 }
 
 void Grammar::addSimulate() {

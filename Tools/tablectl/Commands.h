@@ -4,6 +4,8 @@
 
 #include "Context.h"
 
+#include <Color/ChartLayout.h>
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -53,6 +55,10 @@ void cancel(Context& context);
 void reset(Context& context);
 void send(Context& context, const std::string& name, const std::vector<std::string>& arguments);
 void lock(Context& context, double seconds);
+
+// Align.cpp and Spot.cpp
+void align(Context& context, const std::string& layoutFile, const std::string& outputFile);
+void spot(Context& context, const Color::Point& place, int count);
 
 // Scan.cpp and SimulateCommand.cpp
 void scan(Context& context, const ScanRequest& request);

@@ -12,8 +12,6 @@ namespace tablectl {
 
 namespace {
 
-constexpr Session::Seconds kCancelReply{10};
-
 void callOne(Context& context, const Command& command) {
     const Table table = Table::find(context);
     const DeviceLock lock(table);
@@ -89,16 +87,6 @@ long repliesTo(const Command& command, const std::string& mode) {
     return std::max(rows, 1L);
 }
 
-// A measurement that nobody waits for any more does not go on.
-void cancelAfterInterruption(const Table& table) {
-    const Session::CleanUp cleanUp(table.session());
-    try {
-        table.send({"CancelMeasure", {}}).next(kCancelReply);
-    } catch (const Failure&) {
-        // The interruption is what the user is told.
-    }
-}
-
 Command commandOf(const std::string& name, const std::vector<std::string>& arguments) {
     Command command{name, {}};
     for (const std::string& argument : arguments) {
@@ -131,17 +119,11 @@ void move(Context& context, const std::string& x, const std::string& y) {
 }
 
 void position(Context& context) {
-    const std::string text = Table::find(context).call({"GetDevicePosition", {}}).message;
-    const std::size_t comma = text.find(',');
-    if (comma == std::string::npos)
-        throw DeviceFailure("GetDevicePosition: not a position: " + text);
-    const std::string x = text.substr(0, comma);
-    const std::string y = text.substr(comma + 1);
+    const Color::Point place = positionOf(Table::find(context));
     if (context.output.isJson())
-        context.output.object(
-            Json().add("x", std::strtod(x.c_str(), nullptr)).add("y", std::strtod(y.c_str(), nullptr)));
+        context.output.object(Json().add("x", place.x).add("y", place.y));
     else
-        context.output.line(x + " " + y);
+        context.output.line(std::to_string(place.x) + " " + std::to_string(place.y));
 }
 
 void home(Context& context) {

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <string>
+#include <string_view>
 
 namespace tablectl {
 
@@ -11,6 +12,12 @@ bool isSameFile(const std::string& one, const std::string& other);
 
 // Throws DeviceFailure when nothing can be written there. Better before a long scan than after it.
 void checkWritable(const std::string& file);
+
+// The whole file; throws DeviceFailure.
+std::string readFile(const std::string& file);
+// Replaces a file in one step, so that nobody ever reads half of it; what is no regular file (a pipe, a
+// terminal) is written to. Throws DeviceFailure when that fails, and the file is as it was.
+void replaceFile(const std::string& file, std::string_view text);
 
 // The folder for temporary files; throws DeviceFailure when there is none.
 std::filesystem::path temporaryFolder();

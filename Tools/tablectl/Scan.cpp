@@ -2,7 +2,6 @@
 
 #include "Errors.h"
 #include "Files.h"
-#include "HardwareFile.h"
 #include "Report.h"
 
 #include <VellDevice/RuntimeFolder.h>
@@ -108,21 +107,13 @@ void Scan::prepare() {
         setLowResolution(true);
         mLowResolutionIsOurs = true;
     }
-    if (mTable.status().mode != "ScanningReflectance")
-        mTable.call({"SetMode", {{"Mode", "ScanningReflectance"}}});
-    calibrate();
+    makeReady(mTable, [this] {
+        mProgress.step("calibrating", "calibrating");
+        mMoved = true;
+    });
     const bool withoutUltraviolet = mTable.status().attribute("IlluminationMode") == "0";
     mSink.emplace(mRequest, mLayout,
                   withoutUltraviolet ? Color::MeasurementCondition::M2 : Color::MeasurementCondition::M0);
-}
-
-// Another client's calibration is over: the device has answered since.
-void Scan::calibrate() {
-    if (mTable.status().calibrationStatus == 1)
-        return;
-    mProgress.step("calibrating", "calibrating");
-    mMoved = true;
-    mTable.call({"Calibrate", {}});
 }
 
 void Scan::setLowResolution(bool on) {
@@ -268,8 +259,7 @@ void commands::scan(Context& context, const ScanRequest& request) {
     checkFiles(request, context.options);
     const Table table = Table::find(context);
     const DeviceLock lock(table);
-    if (context.options.timeScale && !context.simulation)
-        setTimeScale(table.path(), *context.options.timeScale);
+    applyTimeScale(context, table);
     Scan(context, table, request, layout, rows).run();
 }
 

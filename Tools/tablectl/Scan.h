@@ -49,7 +49,6 @@ public:
 
 private:
     void prepare();
-    void calibrate();
     void setLowResolution(bool on);
     void measure();
     Reply firstReply(const Command& command, int replies); // and the exchange for those that follow

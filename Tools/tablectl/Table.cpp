@@ -1,11 +1,13 @@
 #include "Table.h"
 
 #include "Errors.h"
+#include "HardwareFile.h"
 #include "Simulation.h"
 
 #include <VellDevice/RuntimeFolder.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
@@ -21,6 +23,7 @@ constexpr Session::Seconds kDiscovery{2};
 constexpr Session::Seconds kSimulationStart{60};
 constexpr Session::Seconds kStatusReply{10};
 constexpr Session::Seconds kUnlockReply{5};
+constexpr Session::Seconds kCancelReply{10};
 constexpr Session::Seconds kDeparture{1};
 constexpr int kLocked = -1022;
 constexpr int kMeasureCancelled = -1023;
@@ -149,6 +152,39 @@ DeviceStatus Table::refreshedStatus() const {
         throw DeviceFailure("Status: the device does not answer");
     }
     return status();
+}
+
+void makeReady(const Table& table, const std::function<void()>& calibrating) {
+    if (table.status().mode != "ScanningReflectance")
+        table.call({"SetMode", {{"Mode", "ScanningReflectance"}}});
+    // Another client's calibration is over: the device has answered since.
+    if (table.status().calibrationStatus == 1)
+        return;
+    calibrating();
+    table.call({"Calibrate", {}});
+}
+
+void cancelAfterInterruption(const Table& table) {
+    const Session::CleanUp cleanUp(table.session());
+    try {
+        table.send({"CancelMeasure", {}}).next(kCancelReply);
+    } catch (const Failure&) {
+        // The interruption is what the user is told.
+    }
+}
+
+Color::Point positionOf(const Table& table) {
+    const std::string text = table.call({"GetDevicePosition", {}}).message;
+    Color::Point place;
+    char rest = 0;
+    if (std::sscanf(text.c_str(), "%lf,%lf%c", &place.x, &place.y, &rest) != 2)
+        throw DeviceFailure("GetDevicePosition: not a position: " + text);
+    return place;
+}
+
+void applyTimeScale(const Context& context, const Table& table) {
+    if (context.options.timeScale && !context.simulation)
+        setTimeScale(table.path(), *context.options.timeScale);
 }
 
 DeviceLock::DeviceLock(const Table& table) : mTable(table) {

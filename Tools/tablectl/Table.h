@@ -4,6 +4,9 @@
 #include "Device.h"
 #include "Session.h"
 
+#include <Color/Point.h>
+
+#include <functional>
 #include <string>
 
 namespace tablectl {
@@ -47,6 +50,19 @@ private:
     Session& mSession;
     std::string mPath;
 };
+
+// Brings the device into the mode that measures charts, and calibrates it when that is needed; `calibrating`
+// is called just before. Throws DeviceFailure when the device refuses.
+void makeReady(const Table& table, const std::function<void()>& calibrating);
+
+// After an interruption: a measurement that nobody waits for any more does not go on.
+void cancelAfterInterruption(const Table& table);
+
+// Where the head is. Throws DeviceFailure when the device refuses, or answers with something else.
+Color::Point positionOf(const Table& table);
+
+// Sets the time scale that the command line asks for, if it does, of an attached virtual table.
+void applyTimeScale(const Context& context, const Table& table);
 
 // Holds the device lock, and renews it often enough for as long as the object lives. Throws DeviceFailure
 // when another client holds it.
