@@ -24,7 +24,7 @@ set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/debian/arrange.cmake)
 
 # What a package of a client depends on.
 set(shlibs "")
-foreach(library PlatformFoundation TaviSDK VellDevice)
+foreach(library PlatformBase PlatformFoundation TaviSDK VellDevice)
     string(APPEND shlibs "lib${library} ${PROJECT_VERSION_MAJOR} ${CPACK_PACKAGE_NAME} (>= ${PROJECT_VERSION})\n")
 endforeach()
 file(WRITE ${PROJECT_BINARY_DIR}/shlibs "${shlibs}")

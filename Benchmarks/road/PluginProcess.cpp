@@ -1,11 +1,15 @@
 #include "PluginProcess.h"
 
+#include <VellDevice/VellDevice.h>
+
 #include <FrameClient.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -20,10 +24,11 @@ void write(const std::filesystem::path& file, const std::string& text) {
     std::ofstream(file) << text;
 }
 
-std::string hardwareFile(const std::filesystem::path& chart, double timeScale) {
+std::string hardwareText(const std::string& devicePath, const std::filesystem::path& chart,
+                         double timeScale) {
     std::ostringstream text;
     text << R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
-         << "<key>Path</key><string>" << kDevicePath << "</string>"
+         << "<key>Path</key><string>" << devicePath << "</string>"
          << "<key>VendorID</key><integer>2417</integer><key>ProductID</key><integer>8193</integer>"
          << "<key>DeviceClass</key><string>IOUSBHostDevice</string><key>Siblings</key><array><dict>"
          << "<key>VendorID</key><integer>2417</integer><key>ProductID</key><integer>8192</integer></dict></"
@@ -146,22 +151,58 @@ const std::string& Connection::ask(const std::string& name,
     return receiveResponse(ticket);
 }
 
+// --- The folder
+
+Folder::Folder() {
+    std::string name = (std::filesystem::temp_directory_path() / "road-XXXXXX").string();
+    mPath = mkdtemp(name.data());
+    std::filesystem::create_directory(mPath / "hardware");
+}
+
+Folder::~Folder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(mPath, ignored);
+}
+
+std::filesystem::path Folder::hardwareFile(const std::string& devicePath) const {
+    return mPath / "hardware" / (devicePath.substr(devicePath.find(':') + 1) + ".plist");
+}
+
+void Folder::attach(const std::string& devicePath, const Grid& grid, double timeScale) const {
+    const std::filesystem::path chart = mPath / "chart.txt";
+    write(chart, grid.layout());
+    const std::filesystem::path file = hardwareFile(devicePath);
+    write(file.string() + ".tmp", hardwareText(devicePath, chart, timeScale));
+    std::filesystem::rename(file.string() + ".tmp", file);
+}
+
+std::map<std::string, std::string> Folder::environment() const {
+    return {{"VELL_RUNTIME_DIR", mPath}, {"VELL_HARDWARE_DIR", mPath / "hardware"}, {"VELL_LOG_DIR", logs()}};
+}
+
+std::filesystem::path Folder::waitForSocket(const std::string& devicePath) const {
+    const VellStringRef source = VellStringCreateWithCString(devicePath.c_str());
+    char name[16];
+    std::snprintf(name, sizeof name, "%08x.sock", VellHash(source));
+    VellRelease(source);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (std::filesystem::exists(mPath / name))
+            return mPath / name;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    throw std::runtime_error("the plug-in of " + devicePath + " does not listen");
+}
+
 // --- The process
 
 PluginProcess::PluginProcess(const Grid& grid, double timeScale, bool fastSleep) {
-    std::string name = (std::filesystem::temp_directory_path() / "road-XXXXXX").string();
-    mFolder = mkdtemp(name.data());
-    const std::filesystem::path hardware = mFolder / "hardware";
-    std::filesystem::create_directory(hardware);
-    write(mFolder / "chart.txt", grid.layout());
-    write(hardware / "table.plist", hardwareFile(mFolder / "chart.txt", timeScale));
-    std::map<std::string, std::string> environment{{"VELL_RUNTIME_DIR", mFolder},
-                                                   {"VELL_HARDWARE_DIR", hardware},
-                                                   {"VELL_LOG_DIR", mFolder / "log"},
-                                                   {"TAVI_TABLE", hardware / "table.plist"}};
+    mFolder.attach(kDevicePath, grid, timeScale);
+    auto environment = mFolder.environment();
+    environment["TAVI_TABLE"] = mFolder.hardwareFile(kDevicePath);
     if (fastSleep) {
         // The loader would split a path at its blanks.
-        const std::filesystem::path library = mFolder / "fast_sleep.so";
+        const std::filesystem::path library = mFolder.path() / "fast_sleep.so";
         std::filesystem::create_symlink(FAST_SLEEP, library);
         environment["LD_PRELOAD"] = library;
     }
@@ -172,22 +213,18 @@ PluginProcess::PluginProcess(const Grid& grid, double timeScale, bool fastSleep)
 PluginProcess::~PluginProcess() {
     mProcess->signal(9);
     mProcess->waitFor(std::chrono::seconds(10));
-    std::filesystem::remove_all(mFolder);
 }
 
 std::filesystem::path PluginProcess::socket() const {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (std::chrono::steady_clock::now() < deadline) {
-        for (const auto& entry : std::filesystem::directory_iterator(mFolder))
-            if (entry.path().extension() == ".sock")
-                return entry.path();
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    throw std::runtime_error("the plug-in does not listen");
+    return mFolder.waitForSocket(kDevicePath);
 }
 
 std::size_t PluginProcess::residentBytes() const {
     return residentBytesOf(identifier());
+}
+
+double PluginProcess::processorSeconds() const {
+    return processorSecondsOf(identifier());
 }
 
 std::size_t residentBytesOf(pid_t process) {
@@ -198,15 +235,12 @@ std::size_t residentBytesOf(pid_t process) {
     return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
 }
 
-double PluginProcess::processorSeconds() const {
-    double nanoseconds = 0;
-    for (const auto& task :
-         std::filesystem::directory_iterator("/proc/" + std::to_string(identifier()) + "/task")) {
-        double ran = 0;
-        std::ifstream(task.path() / "schedstat") >> ran;
-        nanoseconds += ran;
-    }
-    return nanoseconds / 1e9;
+double processorSecondsOf(pid_t process) {
+    clockid_t clock{};
+    timespec used{};
+    if (clock_getcpuclockid(process, &clock) != 0 || clock_gettime(clock, &used) != 0)
+        throw std::runtime_error("a process has gone");
+    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
 }
 
 } // namespace road

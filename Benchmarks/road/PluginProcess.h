@@ -35,6 +35,8 @@ public:
     const std::string& receiveResponse(const std::string& ticket, std::size_t* bytes = nullptr);
     const std::string& ask(const std::string& name, const std::map<std::string, std::string>& arguments = {});
     int descriptor() const { return mSocket.get(); }
+    // Bytes have been read that no call has taken yet: no poll tells of them.
+    bool holdsMore() const { return mBegin < mBuffer.size(); }
 
 private:
     void read(char* to, std::size_t count);
@@ -51,6 +53,29 @@ std::string commandFrame(const std::string& name, const std::string& ticket,
                          const std::map<std::string, std::string>& arguments = {});
 bool isResponse(const std::string& payload, const std::string& ticket);
 
+// A runtime folder of one's own, with its hardware folder and charts; removed with the object.
+class Folder {
+public:
+    Folder();
+    ~Folder();
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+
+    const std::filesystem::path& path() const { return mPath; }
+    std::filesystem::path logs() const { return mPath / "log"; }
+    // The file that attaches a table.
+    std::filesystem::path hardwareFile(const std::string& devicePath) const;
+    // Attaches a table on which the grid lies. `timeScale`: 0 at once, 1 as a real one.
+    void attach(const std::string& devicePath, const Grid& grid, double timeScale) const;
+    // What tells a process of the folders.
+    std::map<std::string, std::string> environment() const;
+    // The socket of a table's plug-in, as soon as there is one.
+    std::filesystem::path waitForSocket(const std::string& devicePath) const;
+
+private:
+    std::filesystem::path mPath;
+};
+
 // vell-plugin-host with the bundle, in a runtime folder of its own; gone with the object.
 class PluginProcess {
 public:
@@ -66,10 +91,11 @@ public:
     double processorSeconds() const; // used so far, user and system
 
 private:
-    std::filesystem::path mFolder;
+    Folder mFolder;
     std::unique_ptr<tools::ChildProcess> mProcess;
 };
 
 std::size_t residentBytesOf(pid_t process);
+double processorSecondsOf(pid_t process); // used so far, user and system, threads that have ended included
 
 } // namespace road

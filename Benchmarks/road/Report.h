@@ -24,5 +24,6 @@ void measureRoundTrip(Report& report);
 void measureHandOver(Report& report);
 void measureChart(Report& report);
 void measureProcess(Report& report);
+void measureFleet(Report& report);
 
 } // namespace road

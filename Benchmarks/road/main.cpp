@@ -1,5 +1,5 @@
-// How fast the road from client to instrument is: road_benchmark [round-trip] [hand-over] [chart] [process].
-// Ends with 1 when a limit is not kept.
+// How fast the road from client to instrument is: road_benchmark [round-trip] [hand-over] [chart] [process]
+// [fleet]. Ends with 1 when a limit is not kept.
 
 #include "Report.h"
 
@@ -36,7 +36,8 @@ int main(int argc, char** argv) {
     constexpr Section kSections[] = {{"round-trip", road::measureRoundTrip},
                                      {"hand-over", road::measureHandOver},
                                      {"chart", road::measureChart},
-                                     {"process", road::measureProcess}};
+                                     {"process", road::measureProcess},
+                                     {"fleet", road::measureFleet}};
     try {
         road::Report report;
         for (const Section& section : kSections) {

@@ -1,9 +1,15 @@
 #include <Base/FolderEvents.h>
 
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/inotify.h>
 
 #include <array>
+#include <cerrno>
 #include <cstring>
+#include <map>
+#include <mutex>
+#include <utility>
 
 namespace Base {
 namespace {
@@ -13,51 +19,150 @@ constexpr std::uint32_t kFolderGone = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT
 constexpr std::uint32_t kWatched =
     IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO | kEntryLeft | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 
+bool listen(int poller, int descriptor) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    return epoll_ctl(poller, EPOLL_CTL_ADD, descriptor, &event) == 0;
+}
+
 } // namespace
 
-bool FolderEvents::watch(const std::string& folder) {
-    stop();
-    if (!mNotifier)
-        mNotifier.reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    if (!mNotifier)
-        return false;
-    mWatch = inotify_add_watch(mNotifier.get(), folder.c_str(), kWatched);
-    return isWatching();
+// The process's notifier, there as long as anybody needs it. The kernel knows a folder once in a notifier, so
+// several objects may stand behind one watch. Any thread.
+class FolderEvents::Notifier {
+public:
+    static std::shared_ptr<Notifier> shared(); // null, with errno, when there is none to be had
+
+    explicit Notifier(FileDescriptor descriptor) : mDescriptor(std::move(descriptor)) {}
+
+    int descriptor() const { return mDescriptor.get(); }
+    bool add(const std::string& folder, FolderEvents& events);
+    void remove(FolderEvents& events);
+    Changes take(FolderEvents& events);
+
+private:
+    // With mMutex held.
+    void distribute();
+    void note(const inotify_event& event, const char* name);
+
+    const FileDescriptor mDescriptor;
+    std::mutex mMutex; // a leaf; guards mWatches and what the objects have not taken yet
+    std::multimap<int, FolderEvents*> mWatches; // by the kernel's number of the folder
+};
+
+std::shared_ptr<FolderEvents::Notifier> FolderEvents::Notifier::shared() {
+    struct Holder {
+        std::mutex mutex; // guards notifier
+        std::weak_ptr<Notifier> notifier;
+    };
+    static Holder& holder = *new Holder; // never destroyed: threads may outlive the static objects
+    const std::lock_guard lock(holder.mutex);
+    if (auto notifier = holder.notifier.lock())
+        return notifier;
+    FileDescriptor descriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    if (!descriptor)
+        return nullptr;
+    auto notifier = std::make_shared<Notifier>(std::move(descriptor));
+    holder.notifier = notifier;
+    return notifier;
 }
 
-void FolderEvents::stop() {
-    if (isWatching())
-        inotify_rm_watch(mNotifier.get(), mWatch);
-    mWatch = -1;
+bool FolderEvents::Notifier::add(const std::string& folder, FolderEvents& events) {
+    const std::lock_guard lock(mMutex);
+    distribute(); // what happened before is none of the new one's business
+    const int watch = inotify_add_watch(mDescriptor.get(), folder.c_str(), kWatched);
+    if (watch >= 0)
+        mWatches.emplace(watch, &events);
+    return watch >= 0;
 }
 
-FolderEvents::Changes FolderEvents::take() {
-    Changes changes;
+void FolderEvents::Notifier::remove(FolderEvents& events) {
+    const std::lock_guard lock(mMutex);
+    for (auto entry = mWatches.begin(); entry != mWatches.end(); ++entry) {
+        if (entry->second != &events)
+            continue;
+        const int watch = entry->first;
+        mWatches.erase(entry);
+        if (!mWatches.contains(watch))
+            inotify_rm_watch(mDescriptor.get(), watch);
+        return;
+    }
+}
+
+FolderEvents::Changes FolderEvents::Notifier::take(FolderEvents& events) {
+    const std::lock_guard lock(mMutex);
+    distribute();
+    eventfd_t count = 0;
+    eventfd_read(events.mPutBy.get(), &count);
+    return std::exchange(events.mChanges, {});
+}
+
+void FolderEvents::Notifier::distribute() {
     alignas(inotify_event) std::array<char, 4096> block;
     for (;;) {
-        const ssize_t count = read(mNotifier.get(), block.data(), block.size());
+        const ssize_t count = read(mDescriptor.get(), block.data(), block.size());
         if (count <= 0)
-            break;
+            return;
         for (ssize_t at = 0; at < count;) {
             inotify_event event;
             std::memcpy(&event, block.data() + at, sizeof event);
-            const char* const name = event.len > 0 ? block.data() + at + sizeof event : "";
+            note(event, event.len > 0 ? block.data() + at + sizeof event : "");
             at += static_cast<ssize_t>(sizeof event + event.len);
-            if (event.mask & IN_Q_OVERFLOW)
-                changes.isOverflown = true;
-            else if (event.wd != mWatch)
-                continue; // of a folder before
-            else if (event.mask & kFolderGone)
-                changes.isFolderGone = true;
-            else
-                changes.touched.insert(name);
-            if (event.mask & kEntryLeft)
-                changes.left.insert(name);
         }
     }
+}
+
+void FolderEvents::Notifier::note(const inotify_event& event, const char* name) {
+    const bool isOverflown = (event.mask & IN_Q_OVERFLOW) != 0;
+    const auto [first, last] =
+        isOverflown ? std::pair(mWatches.begin(), mWatches.end()) : mWatches.equal_range(event.wd);
+    for (auto entry = first; entry != last; ++entry) {
+        Changes& changes = entry->second->mChanges;
+        if (isOverflown)
+            changes.isOverflown = true;
+        else if (event.mask & kFolderGone)
+            changes.isFolderGone = true;
+        else
+            changes.touched.insert(name);
+        if (event.mask & kEntryLeft)
+            changes.left.insert(name);
+        eventfd_write(entry->second->mPutBy.get(), 1);
+    }
+    if (event.mask & IN_IGNORED)
+        mWatches.erase(event.wd); // the number may come again
+}
+
+bool FolderEvents::watch(const std::string& folder) {
+    stop();
+    std::shared_ptr<Notifier> notifier = Notifier::shared();
+    if (!notifier)
+        return false;
+    mPutBy.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    mReady.reset(epoll_create1(EPOLL_CLOEXEC));
+    if (!mPutBy || !mReady || !listen(mReady.get(), mPutBy.get()) ||
+        !listen(mReady.get(), notifier->descriptor()) || !notifier->add(folder, *this))
+        return false;
+    mNotifier = std::move(notifier);
+    return true;
+}
+
+void FolderEvents::stop() {
+    if (const auto notifier = std::exchange(mNotifier, nullptr))
+        notifier->remove(*this);
+    mChanges = {};
+}
+
+FolderEvents::Changes FolderEvents::take() {
+    if (!isWatching())
+        return {};
+    Changes changes = mNotifier->take(*this);
     if (changes.isFolderGone)
         stop();
     return changes;
+}
+
+bool FolderEvents::isShortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOSPC || error == ENOMEM;
 }
 
 } // namespace Base

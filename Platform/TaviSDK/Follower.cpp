@@ -19,14 +19,14 @@ namespace TaviSDK {
 
 namespace {
 
-constexpr int kLookAgainMilliseconds = 500;
+constexpr int kLookAgainMilliseconds = 1000;
 
 } // namespace
 
 // The watch on the file's folder, or the memory of what the file looked like where there is no watch.
 class Follower::Watch {
 public:
-    int descriptor() const { return mEvents.descriptor(); }
+    int descriptor() const { return isWatching() ? mEvents.descriptor() : -1; }
     bool isWatching() const { return mEvents.isWatching(); }
 
     // Sees to it that the file's folder is watched. True when the file may have changed unseen until now.

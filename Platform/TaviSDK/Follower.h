@@ -11,7 +11,7 @@ namespace TaviSDK {
 // The SDK's own thread: it follows the hardware file, and does what has to be done on no caller's thread.
 //
 // The file's folder is watched, since writers replace the file; where that cannot be done the file is looked
-// at twice a second. Otherwise the thread sleeps until something happens. Any thread may call.
+// at once a second. Otherwise the thread sleeps until something happens. Any thread may call.
 class Follower {
 public:
     // Both run on the SDK's thread: fileChanged with the file's path when it may have changed, woken after

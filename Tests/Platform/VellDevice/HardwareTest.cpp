@@ -1,13 +1,38 @@
 #include "ServiceTest.h"
 
+#include <Base/FolderEvents.h>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 using namespace VellTest;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
+
+namespace {
+
+std::atomic<int> notifiersTaken{0};
+std::atomic<bool> notifiersAreShort{false};
+
+} // namespace
+
+// In the place of the system's: every user has a limited number of them.
+extern "C" int inotify_init1(int flags) {
+    if (notifiersAreShort) {
+        errno = EMFILE;
+        return -1;
+    }
+    ++notifiersTaken;
+    return static_cast<int>(syscall(SYS_inotify_init1, flags));
+}
 
 namespace {
 
@@ -199,6 +224,54 @@ TEST_F(HardwareTest, MayBeReleasedElsewhereWithDeliveriesQueued) {
     std::thread([&] { VellRelease(other); }).join();
     runSomePasses();
     EXPECT_THAT(events, IsEmpty());
+}
+
+TEST_F(HardwareTest, WatchesOfOneProcessShareANotifierAndStillSeeEverything) {
+    notifiersTaken = 0;
+    const Owned other(VellHardwareManagerCreate());
+    const auto second = static_cast<VellHardwareManagerRef>(other.get());
+    watch(second);
+    VellHardwareManagerOpen(manager());
+    VellHardwareManagerOpen(second);
+    replaceFile(file("a.plist"), hardware("usb:a"));
+    ASSERT_TRUE(becomes({"+usb:a", "+usb:a"}));
+    // What another thread takes from the notifier it puts by for these.
+    std::thread([&] {
+        Base::FolderEvents third;
+        ASSERT_TRUE(third.watch(folder.hardwareFolder()));
+        std::filesystem::remove(file("a.plist"));
+        replaceFile(file("a.plist"), hardware("usb:a"));
+        const auto changes = third.take();
+        EXPECT_TRUE(changes.touched.contains("a.plist") && changes.left.contains("a.plist"));
+    }).join();
+    events.clear();
+    ASSERT_TRUE(runUntil([&] { return events.size() == 4; }));
+    EXPECT_THAT(events, UnorderedElementsAre("-usb:a", "+usb:a", "-usb:a", "+usb:a"));
+    VellHardwareManagerClose(second); // the first one's watch of the same folder stays
+    replaceFile(file("b.plist"), hardware("usb:b"));
+    events.clear();
+    EXPECT_TRUE(becomes({"+usb:b"}));
+    EXPECT_EQ(notifiersTaken, 1);
+}
+
+TEST_F(HardwareTest, WithoutANotifierTheFolderIsLookedAtEverySecond) {
+    VellLogSetOutputFile("short");
+    notifiersAreShort = true;
+    replaceFile(file("a.plist"), hardware("usb:a"));
+    VellHardwareManagerOpen(manager());
+    ASSERT_TRUE(becomes({"+usb:a"}));
+    replaceFile(file("b.plist"), hardware("usb:b"));
+    ASSERT_TRUE(becomes({"+usb:a", "+usb:b"}));
+    std::filesystem::remove(file("a.plist"));
+    notifiersAreShort = false; // from the next look on it is told again
+    ASSERT_TRUE(becomes({"+usb:a", "+usb:b", "-usb:a"}));
+    std::stringstream log;
+    log << std::ifstream(folder.path() + "/log/short").rdbuf();
+    VellLogSetOutputFile(nullptr);
+    const std::string said = "is looked at once a second";
+    EXPECT_NE(log.str().find(said), std::string::npos) << log.str();
+    EXPECT_EQ(log.str().find(said), log.str().rfind(said)) << log.str();
+    EXPECT_EQ(log.str().find("WARNING"), std::string::npos) << log.str();
 }
 
 } // namespace
