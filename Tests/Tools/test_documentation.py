@@ -7,7 +7,7 @@ import re
 import subprocess
 import unittest
 
-from support import BIN, ROOT, Client, ToolsTest, read_measurements, wait_until
+from support import BIN, ROOT, Client, Terminal, ToolsTest, read_measurements, wait_until
 
 # What is run, and where: in the tours below, in Tests/Install, and by run-tests itself.
 RUN_HERE = r"tablectl |python3 |sed |vell-service &"
@@ -37,6 +37,14 @@ class DocumentationTest(ToolsTest):
         for option in set(re.findall(r"--[a-z-]+", service)) - {"--help", "--version"}:
             self.assertIn(option, self.read("Tools", "data", "vell-service.1").replace("Fl -", "--"))
 
+    def completed(self, line, before=""):
+        script = before + """source "$0"; COMP_LINE="$1"; COMP_POINT=${#1}; _tablectl; echo "${COMPREPLY[*]}" """
+        completed = subprocess.run(["bash", "-c", script, os.path.join(ROOT, "Tools/data/tablectl.bash"), line],
+                                   env=self.environment | {"PATH": BIN + ":" + self.environment["PATH"]},
+                                   cwd=self.folder, capture_output=True, text=True, check=True)
+        self.assertEqual(completed.stderr, "", line)
+        return completed.stdout.strip()
+
     def test_the_completion_completes(self):
         self.start_service()
         self.attach("usb:table-1")
@@ -51,11 +59,30 @@ class DocumentationTest(ToolsTest):
                                   "tablectl set Beep Bee": "", "tablectl send Go": "GoHome",
                                   "tablectl mode Si": "SingleReflectance", "tablectl simulate --table ": "on off",
                                   "tablectl status ": "", "tablectl status --w": "--watch"}.items():
-            script = """source "$0"; COMP_LINE="$1"; COMP_POINT=${#1}; _tablectl; echo "${COMPREPLY[*]}" """
-            completed = subprocess.run(["bash", "-c", script, os.path.join(ROOT, "Tools/data/tablectl.bash"), line],
-                                       env=self.environment | {"PATH": BIN + ":" + self.environment["PATH"]},
-                                       cwd=self.folder, capture_output=True, text=True, check=True)
-            self.assertEqual((completed.stdout.strip(), completed.stderr), (completions, ""), line)
+            self.assertEqual(self.completed(line), completions, line)
+
+    def test_completion_runs_nothing_that_a_device_is_called(self):
+        """In a shell that a user types into: a path is completed, quoted, and names its device."""
+        path = "usb:$(touch pwned) `touch pwned`;touch pwned;*"
+        self.start_service()
+        self.attach(path)
+        self.connect()
+        terminal = Terminal(200)
+        self.addCleanup(terminal.close)
+        shell = subprocess.Popen(["bash", "--norc", "--noprofile", "-i"], stdin=terminal.child, stdout=terminal.child,
+                                 stderr=terminal.child, cwd=self.folder, start_new_session=True,
+                                 env=self.environment | {"PATH": BIN + ":" + self.environment["PATH"], "TERM": "dumb",
+                                                         "PS1": "ready> ", "HISTFILE": ""})
+        self.addCleanup(shell.wait)
+        self.addCleanup(shell.kill)  # one that a user types into does not mind being told to end
+        terminal.press(f"source '{ROOT}/Tools/data/tablectl.bash'\ntablectl --device usb\tget Path\n")
+        terminal.wait_for("\n" + path)
+        terminal.press("exit\n")
+        self.assertEqual(shell.wait(60), 0)
+        hostile = "tablectl() { echo 'A$(touch pwned)*: x'; }; "
+        for line, name in (("get", "A$(touch pwned)*"), ("set", "A$(touch pwned)*"), ("send", "A$(touch pwned)*: x")):
+            self.assertEqual(self.completed(f"tablectl {line} A", hostile), re.sub(r"([^\w:])", r"\\\1", name), line)
+        self.assertFalse(os.path.exists(self.path("pwned")))
 
     def test_no_command_is_shown_that_nothing_runs(self):
         documents = ["README.md", "ARCHITECTURE.md", "Platform/README.md", "Benchmarks/README.md"]

@@ -1,11 +1,37 @@
 # Completion of tablectl for bash.
+#
+# What devices call themselves, their attributes and commands is foreign text: no word of it is ever expanded
+# (compgen -W would do that), and what is inserted is quoted here: readline leaves "$" as it is.
+
+# Adds the lines of standard input that begin with what has been typed. Bash cuts words at their colons, and
+# replaces what comes after the last one only.
+_tablectl_offer() {
+    local word before="${current%"${current##*:}"}"
+    compopt +o filenames 2>/dev/null # they are no names of files, and are not to be quoted twice
+    while IFS= read -r word; do
+        [[ -n "$word" && "$word" == "$current"* ]] || continue
+        printf -v word %q "${word#"$before"}"
+        COMPREPLY+=("$word")
+    done
+}
+
+# What a command says of the device that the line names, each line up to a separator.
+_tablectl_ask() {
+    local separator="$1" line
+    shift
+    tablectl "${folder[@]}" "$@" 2>/dev/null | while IFS= read -r line; do
+        printf '%s\n' "${line%%"$separator"*}"
+    done
+}
 
 _tablectl() {
-    local commands="list status commands get set mode calibrate move position home cancel reset send lock scan spot align simulate"
+    local commands="list status commands get set mode calibrate move position home cancel reset send lock scan spot"
+    commands+=" align simulate"
     local options="--help --version --runtime-dir --device --json --simulated --noise"
     local words current previous command="" skip="" word
     local folder=() device=() # what the line itself says of them
 
+    COMPREPLY=()
     # Not COMP_WORDS: bash cuts device paths at their colons.
     read -a words <<<"${COMP_LINE:0:COMP_POINT}"
     [[ "${COMP_LINE:0:COMP_POINT}" == *" " ]] && words+=("")
@@ -27,27 +53,17 @@ _tablectl() {
     done
 
     case "$previous" in
-        --runtime-dir) COMPREPLY=($(compgen -d -- "$current")); return ;;
-        --simulated | --output | --report | --chart) COMPREPLY=($(compgen -f -- "$current")); return ;;
-        --device)
-            COMPREPLY=($(compgen -W "$(tablectl "${folder[@]}" list 2>/dev/null | cut -d' ' -f1)" -- "$current"))
-            COMPREPLY=("${COMPREPLY[@]#"${current%"${current##*:}"}"}")
-            return
-            ;;
-        --table | --spectrophotometer) COMPREPLY=($(compgen -W "on off" -- "$current")); return ;;
+        --runtime-dir) mapfile -t COMPREPLY < <(compgen -d -- "$current"); return ;;
+        --simulated | --output | --report | --chart) mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
+        --device) _tablectl_offer < <(_tablectl_ask "  " list); return ;;
+        --table | --spectrophotometer) _tablectl_offer <<<$'on\noff'; return ;;
     esac
     case "$command" in
         "") options+=" $commands" ;;
-        get) options+=" $(tablectl "${folder[@]}" "${device[@]}" status 2>/dev/null | cut -d: -f1)" ;;
-        set)
-            [[ "$previous" == set ]] &&
-                options+=" $(tablectl "${folder[@]}" "${device[@]}" status 2>/dev/null | cut -d: -f1)"
-            ;;
+        get) _tablectl_offer < <(_tablectl_ask ": " "${device[@]}" status) ;;
+        set) [[ "$previous" == set ]] && _tablectl_offer < <(_tablectl_ask ": " "${device[@]}" status) ;;
         mode) options+=" ScanningReflectance SingleReflectance" ;;
-        send)
-            [[ "$previous" == send ]] &&
-                options+=" $(tablectl "${folder[@]}" "${device[@]}" commands 2>/dev/null | cut -d' ' -f1)"
-            ;;
+        send) [[ "$previous" == send ]] && _tablectl_offer < <(_tablectl_ask "  " "${device[@]}" commands) ;;
         status) options+=" --watch" ;;
         scan) options+=" --output --report --rows --spot --low-resolution --time-scale" ;;
         spot) options+=" --count --time-scale" ;;
@@ -58,11 +74,11 @@ _tablectl() {
             ;;
     esac
     if [[ "$command" =~ ^(scan|align)$ && "$current" != -* ]]; then
-        COMPREPLY=($(compgen -f -- "$current"))
+        mapfile -t COMPREPLY < <(compgen -f -- "$current")
     elif [[ "$current" == -* ]]; then
-        COMPREPLY=($(compgen -W "$options" -- "$current"))
+        _tablectl_offer < <(tr ' ' '\n' <<<"$options")
     else # options are for those who have begun one
-        COMPREPLY=($(compgen -W "$(tr ' ' '\n' <<<"$options" | grep -v '^--')" -- "$current"))
+        _tablectl_offer < <(tr ' ' '\n' <<<"$options" | grep -v '^--')
     fi
 }
 
