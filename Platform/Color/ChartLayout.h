@@ -1,7 +1,8 @@
 #pragma once
 
 #include <Color/Cgats.h>
-#include <Color/Point.h>
+#include <Color/CgatsText.h>
+#include <Color/Placement.h>
 #include <Color/Spectrum.h>
 
 #include <array>
@@ -14,33 +15,33 @@ namespace Color {
 // One patch as the layout describes it.
 struct Patch {
     std::string sampleId;
-    int row = 0;    // from 0, downwards
-    int column = 0; // from 0, to the right, counted over the full grid
-    std::array<double, kBands> reflectance{};
+    int row = 0;                              // from 0, downwards
+    int column = 0;                           // from 0, to the right, counted over the full grid
+    std::array<double, kBands> reflectance{}; // 1 being the perfect diffuser; all 0 when the layout has none
+    std::vector<Value> values{};              // of ChartLayout::fieldNames
 };
 
-// A chart: a grid of patches whose three corner patches lie with their centres at the given places of the
-// table. A short last row holds the rightmost lastRowColumns cells of the grid; 0 means that it is full.
-struct ChartLayout {
+// A chart: its patches, and where they lie.
+struct ChartLayout : Placement {
     std::string originator;
     std::string descriptor;
-    int rows = 0;
-    int columns = 0;
-    int lastRowColumns = 0;
-    Point topLeft;
-    Point bottomLeft;
-    Point bottomRight;
+    bool hasSpectra = false; // the reference that a measurement can be compared with
+    // The fields that are neither measured nor say where a patch lies, as the file has them: device values,
+    // names and whatever else.
+    std::vector<std::string> fieldNames;
     std::vector<Patch> patches; // row after row, whatever the order in the file
+    // What the reader took for granted or passed over, in sentences for people.
+    std::vector<std::string> notes;
 
-    // First column of a row that holds a patch: 0 but for a short last row.
-    int firstColumn(int row) const;
     // The patch of a cell; null for a cell that is empty or outside the grid.
     const Patch* patchAt(int row, int column) const;
 };
 
-// Reads a layout file; throws CgatsError.
-ChartLayout readChartLayout(const std::string& path);
+// Reads a layout file; throws CgatsError. What is `given` of the placement stands in for what the file says.
+// Sets without ROW and COLUMN fill the grid row after row, in their order. Reflectances above 2 are percent.
+ChartLayout readChartLayout(const std::string& path, const PlacementParts& given = {});
 // The same from text; name stands for the file in error texts.
-ChartLayout parseChartLayout(std::string_view text, const std::string& name);
+ChartLayout parseChartLayout(std::string_view text, const std::string& name,
+                             const PlacementParts& given = {});
 
 } // namespace Color

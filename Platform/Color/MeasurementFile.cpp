@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 
 namespace Color {
@@ -17,32 +16,6 @@ constexpr std::string_view kTail = "END_DATA\n";
 // place.
 constexpr std::size_t kCountWidth = 10;
 
-void appendQuoted(std::string& text, std::string_view value) {
-    text += '"';
-    for (const char c : value) {
-        if (c == '"') {
-            text += '"';
-        }
-        // A line ends with its set, whatever a sample is called.
-        text += c == '\n' || c == '\r' ? ' ' : c;
-    }
-    text += '"';
-}
-
-void appendKeyword(std::string& text, std::string_view keyword, std::string_view value) {
-    text.append(keyword).append(" ");
-    appendQuoted(text, value);
-    text += '\n';
-}
-
-// The shortest form that reads back to the same value.
-template <typename Number>
-void appendNumber(std::string& text, Number value) {
-    std::array<char, 32> digits;
-    const auto [end, error] = std::to_chars(digits.data(), digits.data() + digits.size(), value);
-    text.append(" ").append(digits.data(), end);
-}
-
 std::string header(const ChartLayout& layout, MeasurementCondition condition) {
     std::string text = "CGATS.17\n";
     appendKeyword(text, "ORIGINATOR", layout.originator);
@@ -52,24 +25,38 @@ std::string header(const ChartLayout& layout, MeasurementCondition condition) {
     appendKeyword(text, "KEYWORD", "MEASUREMENT_CONDITION");
     appendKeyword(text, "MEASUREMENT_CONDITION", condition == MeasurementCondition::M0 ? "M0" : "M2");
     appendKeyword(text, "KEYWORD", "SPOT_INDEX");
-    text += "NUMBER_OF_FIELDS " + std::to_string(7 + kBands) + "\nBEGIN_DATA_FORMAT\n";
-    text += "SAMPLE_ID ROW COLUMN SPOT_INDEX LAB_L LAB_A LAB_B";
+    text += "NUMBER_OF_FIELDS " + std::to_string(7 + layout.fieldNames.size() + kBands) +
+            "\nBEGIN_DATA_FORMAT\nSAMPLE_ID ROW COLUMN SPOT_INDEX";
+    for (const std::string& name : layout.fieldNames) {
+        text += ' ';
+        appendValue(text, {name, false});
+    }
+    text += " LAB_L LAB_A LAB_B";
     for (std::size_t band = 0; band < kBands; ++band) {
-        text += " SPECTRAL_NM" + std::to_string(380 + 10 * band);
+        text += " SPECTRAL_NM" + std::to_string(kFirstWavelength + kWavelengthStep * static_cast<int>(band));
     }
     return text + "\nEND_DATA_FORMAT\n";
 }
 
-void appendReading(std::string& text, const Reading& reading, const Patch* patch) {
+void appendReading(std::string& text, const Reading& reading, const ChartLayout& layout) {
+    const auto add = [&text](auto number) {
+        text += ' ';
+        appendNumber(text, number);
+    };
+    const Patch* const patch = layout.patchAt(reading.row, reading.column);
     appendQuoted(text, patch != nullptr ? std::string_view(patch->sampleId) : std::string_view());
-    appendNumber(text, reading.row);
-    appendNumber(text, reading.column);
-    appendNumber(text, reading.spotIndex);
+    add(reading.row);
+    add(reading.column);
+    add(reading.spotIndex);
+    for (std::size_t index = 0; index < layout.fieldNames.size(); ++index) {
+        text += ' ';
+        appendValue(text, patch != nullptr ? patch->values[index] : Value());
+    }
     for (const float value : reading.lab) {
-        appendNumber(text, value);
+        add(value);
     }
     for (const float value : reading.spectrum) {
-        appendNumber(text, value);
+        add(value);
     }
     text += '\n';
 }
@@ -111,7 +98,7 @@ std::string MeasurementFile::countLine() const {
 void MeasurementFile::add(std::span<const Reading> readings) {
     std::string text;
     for (const Reading& reading : readings) {
-        appendReading(text, reading, mLayout.patchAt(reading.row, reading.column));
+        appendReading(text, reading, mLayout);
     }
     const std::size_t added = text.size();
     text += kTail;
@@ -165,6 +152,10 @@ Measurements parseMeasurements(std::string_view text, const std::string& name) {
     }
     result.condition = condition.value == "M0" ? MeasurementCondition::M0 : MeasurementCondition::M2;
 
+    result.originator = reader.optionalText("ORIGINATOR");
+    result.descriptor = reader.optionalText("DESCRIPTOR");
+    const std::vector<std::size_t> otherFields = reader.otherFields();
+    result.fieldNames = reader.namesOf(otherFields);
     const std::size_t idField = reader.field("SAMPLE_ID");
     const std::size_t rowField = reader.field("ROW");
     const std::size_t columnField = reader.field("COLUMN");
@@ -184,6 +175,7 @@ Measurements parseMeasurements(std::string_view text, const std::string& name) {
         for (std::size_t band = 0; band < kBands; ++band) {
             reading.spectrum[band] = reader.singleNumber((*set)[bandFields[band]]);
         }
+        reading.values = reader.valuesOf(otherFields);
     }
     return result;
 }

@@ -18,6 +18,7 @@ struct Reading {
     int spotIndex = 0;
     std::array<float, 3> lab{};
     std::array<float, kBands> spectrum{};
+    std::vector<Value> values{}; // of Measurements::fieldNames
 };
 
 // A measurement file that grows row by row.
@@ -33,9 +34,9 @@ public:
     MeasurementFile(const MeasurementFile&) = delete;
     MeasurementFile& operator=(const MeasurementFile&) = delete;
 
-    // Adds readings, one line each, with the layout's SAMPLE_ID for their cell (an empty text for a cell
-    // without a patch); their own sampleId is not looked at. When the file cannot take them (a full disk) it
-    // is left with the readings that it had, and CgatsError is thrown.
+    // Adds readings, one line each, with SAMPLE_ID and the values that the layout has for their cell (an
+    // empty text for a cell without a patch); their own are not looked at. When the file cannot take them (a
+    // full disk) it is left with the readings that it had, and CgatsError is thrown.
     void add(std::span<const Reading> readings);
     std::size_t count() const noexcept { return mCount; }
 
@@ -56,6 +57,9 @@ private:
 // A measurement file as it was written.
 struct Measurements {
     MeasurementCondition condition = MeasurementCondition::M0;
+    std::string originator;
+    std::string descriptor;
+    std::vector<std::string> fieldNames; // the layout's own: device values, names, ...
     std::vector<Reading> readings;
 };
 

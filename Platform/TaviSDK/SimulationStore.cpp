@@ -68,7 +68,12 @@ std::string SimulationStore::load(const std::string& path) {
     mChart = std::make_shared<VirtualChart>();
     if (!path.empty()) {
         try {
-            mChart = std::make_shared<VirtualChart>(Color::readChartLayout(path));
+            const Color::ChartLayout layout = Color::readChartLayout(path);
+            if (layout.hasSpectra) {
+                mChart = std::make_shared<VirtualChart>(layout);
+            } else {
+                mChartProblem = path + ": has no spectra, of which a virtual table needs all";
+            }
         } catch (const Color::CgatsError& error) {
             mChartProblem = error.what();
         }

@@ -115,11 +115,45 @@ class ScanTest(ToolsTest):
         self.tablectl("--simulated", layout, "scan", layout, "--time-scale", "0", "--output", "/dev/null",
                       "--report", "/dev/null")
 
+    def test_a_target_as_its_generator_wrote_it(self):
+        chart = Chart(3, 4, last=2, angle=0.1)
+        fields = {cell: f'"patch {cell[0]} ""{cell[1]}"" <b>" {cell[1]}.50 0{cell[0]}' for cell in chart.spectra}
+        with open(self.path("target.ti1"), "w", newline="\r\n") as file:
+            print("CTI1\nDESCRIPTOR \"a target\"\nBEGIN_DATA_FORMAT\nSAMPLE_ID\tSAMPLE_NAME CMYK_C 6CLR_1", file=file)
+            print(f"END_DATA_FORMAT\nNUMBER_OF_SETS {len(fields)}\nBEGIN_DATA", file=file)
+            for (row, column), text in fields.items():
+                print(f"P{row}-{column} {text}", file=file)
+            print("END_DATA", file=file)
+        with open(self.path("placed.txt"), "w") as file:
+            file.write(chart.text().split("NUMBER_OF_FIELDS")[0])
+        corners = [f"{x!r},{y!r}" for x, y in (chart.top_left, chart.bottom_left, chart.bottom_right)]
+        table = self.write_chart(chart)
+        scan = ["--simulated", table, "scan", self.path("target.ti1"), "--time-scale", "0", "--output",
+                self.path("out.txt")]
+        for place in (["--placement", self.path("placed.txt")], ["--corners", *corners, "--grid", "3x4+2"]):
+            self.tablectl(*scan, *place, "--report", self.path("out.html"))
+            with open(self.path("out.txt")) as file:
+                lines = file.read().splitlines()
+            for line, (cell, text) in zip(lines[lines.index("BEGIN_DATA") + 1:], fields.items(), strict=False):
+                self.assertTrue(line.startswith(f'"P{cell[0]}-{cell[1]}" {cell[0]} {cell[1]} 0 {text} '), line)
+                self.assertEqual([single(float(value)) for value in line.split()[-36:]],
+                                 [single(value) for value in chart.spectra[cell]])
+        with open(self.path("out.html")) as file:
+            self.assertIn('"values":["patch 2 \\"3\\" \\u003cb>","3.50","02"]', file.read())
+        for options, reason in ((["--grid", "3x5"], "12 patches|CHART_TOP_LEFT"), (["--grid", "3"], "not ROWSxCOLUMNS"),
+                                (["--grid", "3x4+5"], "between 0 and 4"), (["--corners", "1,2", "3,4", "5"], "not X,Y"),
+                                (["--corners", "1,1", "2,2", "3,3", "--grid", "3x4+2"], "one line"),
+                                (["--placement", table, "--grid", "3x4"], "excludes"), ([], "CHART_ROWS"),
+                                (["--placement", self.path("target.ti1")], "target.ti1: the keyword CHART_ROWS")):
+            self.assertRegex(self.tablectl(*scan, *options, status=2)[1], reason)
+        _, error = self.tablectl("--simulated", self.path("target.ti1"), "list", status=2)
+        self.assertIn("CHART_ROWS", error)
+        self.tablectl(*scan, "--grid", "3x4+2", "--corners", "-5,40", "-5,60", "25,60")
+
     def test_layouts_that_make_no_sense(self):
         good = Chart(2, 2).text()
         broken = {
             "rows": (good.replace("CHART_ROWS 2", "CHART_ROWS 0"), 2),
-            "patch twice": (good.replace("P0-1 0 1", "P0-1 0 0"), 15),
             "nan": (good.replace('"40.0 40.0"', '"nan 40.0"'), 5),
             "no number": (good.replace("P1-0 1 0 0", "P1-0 1 0 x"), 16),
         }

@@ -54,7 +54,10 @@ _tablectl() {
 
     case "$previous" in
         --runtime-dir) mapfile -t COMPREPLY < <(compgen -d -- "$current"); return ;;
-        --simulated | --output | --report | --chart) mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
+        --simulated | --output | --report | --chart | --placement)
+            mapfile -t COMPREPLY < <(compgen -f -- "$current")
+            return
+            ;;
         --device) _tablectl_offer < <(_tablectl_ask "  " list); return ;;
         --table | --spectrophotometer) _tablectl_offer <<<$'on\noff'; return ;;
     esac
@@ -65,7 +68,7 @@ _tablectl() {
         mode) options+=" ScanningReflectance SingleReflectance" ;;
         send) [[ "$previous" == send ]] && _tablectl_offer < <(_tablectl_ask "  " "${device[@]}" commands) ;;
         status) options+=" --watch" ;;
-        scan) options+=" --output --report --rows --spot --low-resolution --time-scale" ;;
+        scan) options+=" --grid --corners --placement --output --report --rows --spot --low-resolution --time-scale" ;;
         spot) options+=" --count --time-scale" ;;
         align) options+=" --output --time-scale" ;;
         simulate)

@@ -3,8 +3,13 @@
 #include "Errors.h"
 #include "Output.h"
 
+#include <Base/Number.h>
+
 #include <algorithm>
+#include <cmath>
+#include <cstdio>
 #include <set>
+#include <string_view>
 
 namespace tablectl {
 
@@ -49,12 +54,81 @@ void appendReadings(const Measurement& patch, Row& row) {
 
 } // namespace
 
-Color::ChartLayout readLayout(const std::string& path) {
+Color::ChartLayout readLayout(const std::string& path, const Color::PlacementParts& given) {
     try {
-        return Color::readChartLayout(path);
+        Color::ChartLayout layout = Color::readChartLayout(path, given);
+        for (const std::string& note : layout.notes)
+            std::fprintf(stderr, "tablectl: %s: %s\n", path.c_str(), note.c_str());
+        return layout;
     } catch (const Color::CgatsError& error) {
         throw UsageFailure(error.what());
     }
+}
+
+namespace {
+
+// Separated numbers, all of the text; their count tells whether it was that.
+template <class Number>
+std::vector<Number> numbersIn(std::string_view text, std::string_view separators) {
+    std::vector<Number> numbers;
+    while (true) {
+        const std::size_t end = text.find_first_of(separators);
+        const std::optional<Number> number = Base::parseNumber<Number>(text.substr(0, end));
+        if (!number)
+            return {};
+        numbers.push_back(*number);
+        if (end == text.npos)
+            return numbers;
+        text.remove_prefix(end + 1);
+    }
+}
+
+Color::Grid gridIn(const std::string& text) {
+    const std::size_t cross = text.find('x');
+    const std::size_t plus = text.find('+');
+    const bool isInOrder = cross != text.npos && (plus == text.npos || cross < plus);
+    const std::vector<int> numbers = isInOrder ? numbersIn<int>(text, "x+") : std::vector<int>();
+    if (numbers.size() != (plus == text.npos ? 2 : 3))
+        throw UsageFailure("--grid: not ROWSxCOLUMNS or ROWSxCOLUMNS+LAST: " + text);
+    const Color::Grid grid{numbers[0], numbers[1], numbers.size() == 3 ? numbers[2] : 0};
+    if (const std::string problem = problemOf(grid); !problem.empty())
+        throw UsageFailure("--grid " + text + ": " + problem);
+    return grid;
+}
+
+Color::Point pointIn(const std::string& text) {
+    constexpr double kFurthest = 1e6;
+    const std::vector<double> numbers = numbersIn<double>(text, ",");
+    const bool isPoint =
+        numbers.size() == 2 && std::fabs(numbers[0]) <= kFurthest && std::fabs(numbers[1]) <= kFurthest;
+    if (!isPoint)
+        throw UsageFailure("--corners: not X,Y: " + text);
+    return {numbers[0], numbers[1]};
+}
+
+} // namespace
+
+Color::PlacementParts placementOf(const PlacementRequest& request) {
+    Color::PlacementParts parts;
+    if (!request.file.empty()) {
+        try {
+            const Color::Placement placement = Color::readPlacement(request.file);
+            parts = {placement, placement};
+        } catch (const Color::CgatsError& error) {
+            throw UsageFailure(error.what());
+        }
+    }
+    if (!request.grid.empty())
+        parts.grid = gridIn(request.grid);
+    if (!request.corners.empty())
+        parts.corners = Color::Corners{pointIn(request.corners.at(0)), pointIn(request.corners.at(1)),
+                                       pointIn(request.corners.at(2))};
+    return parts;
+}
+
+void checkVirtualChart(const std::string& path) {
+    if (!readLayout(path).hasSpectra)
+        throw UsageFailure(path + ": has no spectra, of which a virtual table needs all");
 }
 
 int patchesInRow(const Color::ChartLayout& layout, int row) {

@@ -2,6 +2,7 @@
 // back.
 #pragma once
 
+#include "Commands.h"
 #include "Device.h"
 
 #include <Color/MeasurementFile.h>
@@ -12,8 +13,15 @@
 
 namespace tablectl {
 
-// Throws UsageFailure with file, line and reason.
-Color::ChartLayout readLayout(const std::string& path);
+// Throws UsageFailure with file, line and reason. What the reader took for granted is told on standard error.
+Color::ChartLayout readLayout(const std::string& path, const Color::PlacementParts& given = {});
+
+// The parts of a placement that the user gave. Throws UsageFailure for what is none.
+Color::PlacementParts placementOf(const PlacementRequest& request);
+
+// Throws UsageFailure when no virtual table can hold the chart: it is one that cannot be read, or has no
+// spectra.
+void checkVirtualChart(const std::string& path);
 
 int patchesInRow(const Color::ChartLayout& layout, int row);
 

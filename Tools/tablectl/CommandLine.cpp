@@ -97,6 +97,7 @@ private:
     void addScan();
     void addPlaces();
     void addTimeScale(CLI::App& command);
+    void addPlacement(CLI::App& command, PlacementRequest& placement);
     void addSimulate();
 
     CommandLine& mLine;
@@ -190,7 +191,10 @@ void Grammar::addScan() {
     const auto request = std::make_shared<ScanRequest>();
     CLI::App& scan =
         add("scan", "Measures a chart", [request](Context& context) { commands::scan(context, *request); });
-    scan.add_option("LAYOUT", request->layoutFile, "The chart's layout file")->type_name("")->required();
+    scan.add_option("LAYOUT", request->layoutFile, "The chart's layout file, or a target without a place")
+        ->type_name("")
+        ->required();
+    addPlacement(scan, request->placement);
     scan.add_option("--output", request->outputFile, "Measurement file (default: standard output)")
         ->type_name("FILE");
     scan.add_option("--report", request->reportFile, "A page that shows measured beside reference")
@@ -210,6 +214,22 @@ void Grammar::addTimeScale(CLI::App& command) {
                     "Of the virtual instrument: 1 as the real table, 0 at once")
         ->type_name("F")
         ->check(kNotNegative);
+}
+
+// Where a target lies whose file does not say so.
+void Grammar::addPlacement(CLI::App& command, PlacementRequest& placement) {
+    CLI::Option* grid =
+        command.add_option("--grid", placement.grid, "The chart's cells; LAST: those of a short last row")
+            ->type_name("ROWSxCOLUMNS[+LAST]");
+    CLI::Option* corners = command
+                               .add_option("--corners", placement.corners,
+                                           "Centres of the patches top left, bottom left, bottom right")
+                               ->type_name("X,Y X,Y X,Y")
+                               ->expected(3);
+    command.add_option("--placement", placement.file, "A file that says both, as `align` writes it")
+        ->type_name("FILE")
+        ->excludes(grid)
+        ->excludes(corners);
 }
 
 // Those about places on the table that a chart's layout does not know.

@@ -12,8 +12,16 @@
 
 namespace tablectl {
 
+// Where a target lies, as the command line says it; "" where it does not.
+struct PlacementRequest {
+    std::string grid;                 // ROWSxCOLUMNS or ROWSxCOLUMNS+LAST
+    std::vector<std::string> corners; // X,Y three times: top left, bottom left, bottom right
+    std::string file;                 // instead of both
+};
+
 struct ScanRequest {
     std::string layoutFile;
+    PlacementRequest placement;
     std::string outputFile; // "": to standard output, when the scan is over
     std::string reportFile; // "": none
     std::string rows;       // A-B or A, the first and last; "": the whole chart

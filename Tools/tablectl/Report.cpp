@@ -60,6 +60,13 @@ struct Mean {
     }
 };
 
+std::string valuesJson(const Color::Patch& patch) {
+    std::vector<std::string> texts;
+    for (const Color::Value& value : patch.values)
+        texts.push_back(value.text);
+    return jsonTexts(texts);
+}
+
 std::string patchesJson(const ReportContent& content) {
     std::map<std::pair<int, int>, Mean> means;
     for (const Row& row : content.rows) {
@@ -71,11 +78,14 @@ std::string patchesJson(const ReportContent& content) {
         const Color::Lab reference = Color::labFromSpectrum(patch.reflectance);
         Json json;
         json.add("id", patch.sampleId).add("row", patch.row).add("column", patch.column);
-        json.addRaw("reference", sideJson(patch.reflectance, reference));
+        json.addRaw("values", valuesJson(patch));
+        if (content.layout.hasSpectra)
+            json.addRaw("reference", sideJson(patch.reflectance, reference));
         if (const auto mean = means.find({patch.row, patch.column}); mean != means.end()) {
             json.addRaw("measured", sideJson(mean->second.spectrum, mean->second.lab))
-                .add("deltaE", Color::deltaE2000(reference, mean->second.lab))
                 .add("readings", mean->second.readings);
+            if (content.layout.hasSpectra)
+                json.add("deltaE", Color::deltaE2000(reference, mean->second.lab));
         }
         patches.push_back(json.text());
     }
@@ -158,6 +168,8 @@ std::string dataJson(const ReportContent& content) {
                            .addRaw("chart", chartJson(layout))
                            .addRaw("conditions", conditionsJson(content))
                            .addRaw("warnings", jsonTexts(content.warnings))
+                           .add("hasReference", layout.hasSpectra)
+                           .addRaw("fields", jsonTexts(layout.fieldNames))
                            .addRaw("patches", patchesJson(content))
                            .text();
     // Nothing in the data may end the script element that holds it.

@@ -243,8 +243,11 @@ void checkFiles(const ScanRequest& request, const Options& options) {
     for (const std::string& file : {request.outputFile, request.reportFile}) {
         if (file.empty())
             continue;
-        if (isSameFile(file, request.layoutFile) || isSameFile(file, options.simulated.value_or("")))
-            throw UsageFailure(file + ": the scan would replace the layout");
+        for (const std::string& read :
+             {request.layoutFile, request.placement.file, options.simulated.value_or("")}) {
+            if (!read.empty() && isSameFile(file, read))
+                throw UsageFailure(file + ": the scan would replace the layout");
+        }
         checkWritable(file);
     }
     if (!request.reportFile.empty() && isSameFile(request.outputFile, request.reportFile))
@@ -254,7 +257,7 @@ void checkFiles(const ScanRequest& request, const Options& options) {
 } // namespace
 
 void commands::scan(Context& context, const ScanRequest& request) {
-    const Color::ChartLayout layout = readLayout(request.layoutFile);
+    const Color::ChartLayout layout = readLayout(request.layoutFile, placementOf(request.placement));
     const std::pair<int, int> rows = rowRange(request.rows, layout);
     checkFiles(request, context.options);
     const Table table = Table::find(context);

@@ -112,7 +112,7 @@ void detach(const HardwareFile& file) {
 
 void commands::simulate(Context& context, const SimulationChanges& changes) {
     if (changes.chart && !changes.chart->empty())
-        readLayout(*changes.chart); // an unreadable one is reported here, not in the plug-in's log
+        checkVirtualChart(*changes.chart); // an unreadable one is reported here, not in the plug-in's log
     HardwareFile file = changes.attach.empty() ? chosenFile(context) : attached(changes.attach);
     if (changes.detach) {
         detach(file);

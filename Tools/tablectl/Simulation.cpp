@@ -34,7 +34,7 @@ std::filesystem::path makeTemporaryFolder() {
 
 Simulation::Simulation(const Options& options) {
     const std::string layout = options.simulated.value();
-    readLayout(layout); // an unreadable one is reported here, not from inside the plug-in
+    checkVirtualChart(layout); // an unreadable one is reported here, not from inside the plug-in
     mFolder = makeTemporaryFolder();
     try {
         setenv("VELL_RUNTIME_DIR", mFolder.c_str(), 1);

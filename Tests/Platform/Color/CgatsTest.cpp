@@ -95,8 +95,8 @@ TEST(ChartLayoutTest, readsWhatOtherProgramsWrite) {
         "DESCRIPTOR \"one # patch\" # really\r\n"
         "CHART_ROWS 1\r\nCHART_COLUMNS 1\r\nCHART_LAST_ROW_COLUMNS 0\r\n"
         "CHART_TOP_LEFT \"1e1 +20\"\r\nCHART_BOTTOM_LEFT 10\t20\r\nCHART_BOTTOM_RIGHT \"10  20\"\r\n"
-        "NUMBER_OF_FIELDS 40\r\nNUMBER_OF_SETS 1\r\nBEGIN_DATA_FORMAT\r\nCOLUMN\tROW\r\nCMYK_C" +
-        bandNames() + " SAMPLE_ID\r\nEND_DATA_FORMAT\r\n\r\nBEGIN_DATA\r\n0\t0\t55" + spectrum("+.25") +
+        "NUMBER_OF_FIELDS 41\r\nNUMBER_OF_SETS 1\r\nBEGIN_DATA_FORMAT\r\nCOLUMN\tROW\r\nCMYK_C LAB_L" +
+        bandNames() + " SAMPLE_ID\r\nEND_DATA_FORMAT\r\n\r\nBEGIN_DATA\r\n0\t0\t055.0\t7" + spectrum("+.25") +
         " \"say \"\"hi\"\" #1\"  # last\r\nEND_DATA\r\nBEGIN_DATA\r\nmore";
     const ChartLayout layout = Color::parseChartLayout(text, "other.txt");
     EXPECT_EQ(layout.descriptor, "one # patch");
@@ -104,6 +104,112 @@ TEST(ChartLayoutTest, readsWhatOtherProgramsWrite) {
     EXPECT_EQ(layout.topLeft.y, 20.0);
     EXPECT_EQ(layout.patchAt(0, 0)->sampleId, "say \"hi\" #1");
     EXPECT_EQ(layout.patchAt(0, 0)->reflectance[0], 0.25);
+    EXPECT_EQ(layout.fieldNames, std::vector<std::string>{"CMYK_C"});
+    EXPECT_EQ(layout.patchAt(0, 0)->values, std::vector<Color::Value>({{"055.0", false}}));
+    ASSERT_EQ(layout.notes.size(), 1U);
+    EXPECT_NE(layout.notes[0].find("line 22"), std::string::npos) << layout.notes[0];
+}
+
+// A target as its generator wrote it, without place or spectra.
+std::string target(const std::string& firstLine, const std::string& fields, const std::string& sets,
+                   int count) {
+    return firstLine + "ORIGINATOR \"a generator\"\nBEGIN_DATA_FORMAT\n" + fields +
+           "\nEND_DATA_FORMAT\nNUMBER_OF_SETS " + std::to_string(count) + "\nBEGIN_DATA\n" + sets +
+           "END_DATA\n";
+}
+
+// The same patch, on any line, in any spelling.
+TEST(ChartLayoutTest, takesTargetsAsTheyCome) {
+    const std::string fields = "SAMPLE_ID RGB_R";
+    const std::string sets = "1 0.50\n2 1\n";
+    std::string bands;
+    std::string names[4];
+    for (int wavelength = 380; wavelength <= 730; wavelength += 10) {
+        names[0] += " NM" + std::to_string(wavelength);
+        names[1] += " SPECTRAL_" + std::to_string(wavelength);
+        names[2] += " R_" + std::to_string(wavelength) + "nm";
+        names[3] += " spectral_nm" + std::to_string(wavelength);
+        bands += " 0.5";
+    }
+    struct Form {
+        std::string text;
+        std::string name = "target.txt";
+        bool hasSpectra = false;
+        std::size_t notes = 0;
+    };
+    std::vector<Form> forms;
+    for (const char* const line :
+         {"CGATS.5\n", "CGATS.17\n", "ISO28178\n", "IT8.7/2\n", "IT8.7/4\n", "CTI1\n", "CTI3   \n",
+          "A Vendor's target, 2 patches\n", "", "\n\n# by hand\n"}) {
+        forms.push_back({target(line, fields, sets, 2)});
+    }
+    forms.push_back({target("CTI1\n", "SampleID\tRGB_R", "1\t0.50\r\n2\t1\r\n", 2)});
+    for (const std::string& name : names) {
+        forms.push_back(
+            {target("", fields + name, "1 0.50" + bands + "\n2 1" + bands + "\n", 2), "t.txt", true});
+    }
+    // Percent; then bands that are too few.
+    forms.push_back(
+        {target("", fields + names[0], "1 0.50" + spectrum("50") + "\n2 1" + spectrum("50") + "\n", 2),
+         "t.txt", true, 1});
+    forms.push_back({target("", fields + " NM400 NM410", "1 0.50 1 1\n2 1 1 1\n", 2), "t.txt", false, 1});
+    // Tables without sets before, and another one behind.
+    forms.push_back({target("CTI1\n", "SAMPLE_ID", "", 0) + target("CTI1\n", fields, sets, 2) +
+                         target("CTI1\n", "INDEX", "7\n", 1),
+                     "t.txt", false, 1});
+    forms.push_back({"IT8.7/4,,\nBEGIN_DATA_FORMAT,,\nSAMPLE_ID,RGB_R,SAMPLE_NAME\nEND_DATA_FORMAT\n"
+                     "NUMBER_OF_SETS,2\nBEGIN_DATA,,\n1, 0.50,deep blue\n2,1,\nEND_DATA\n",
+                     "target.csv"});
+    forms.push_back({"SAMPLE_ID,RGB_R\r\n1,0.50\r\n\"2\",1\r\n", "target.CSV"});
+    const Color::PlacementParts placement{Color::Grid{2, 3, 1}, Color::Corners{{0, 0}, {0, 10}, {20, 10}}};
+    Color::PlacementParts given = placement;
+    given.grid = Color::Grid{1, 2, 0};
+    for (const Form& form : forms) {
+        SCOPED_TRACE(form.text.substr(0, 300));
+        const ChartLayout layout = Color::parseChartLayout(form.text, form.name, given);
+        ASSERT_EQ(layout.patches.size(), 2U);
+        EXPECT_EQ(layout.patchAt(0, 0)->sampleId, "1");
+        EXPECT_EQ(layout.patchAt(0, 1)->sampleId, "2");
+        EXPECT_EQ(layout.fieldNames[0], "RGB_R");
+        EXPECT_EQ(layout.patchAt(0, 0)->values[0].text, "0.50");
+        EXPECT_EQ(layout.hasSpectra, form.hasSpectra);
+        EXPECT_EQ(layout.patchAt(0, 0)->reflectance[0], form.hasSpectra ? 0.5 : 0.0);
+        EXPECT_EQ(layout.notes.size(), form.notes);
+    }
+    // Sets fill the grid, whose short last row is on the right.
+    const std::string four = target("", "SAMPLE_ID", "1\n2\n3\n4\n", 4);
+    EXPECT_EQ(Color::parseChartLayout(four, "t.txt", placement).patchAt(1, 2)->sampleId, "4");
+    for (const auto& [text, name, reason] :
+         {std::tuple(four, "t.txt", "2 patches, but NUMBER_OF_SETS is 4"),
+          std::tuple(std::string("SAMPLE_ID,RGB_R\n1,2\n"), "t.txt", "holds no table"),
+          std::tuple(std::string("SAMPLE_ID,RGB_R\n1,2\n3,4,5\n"), "t.csv", "t.csv:3: the set has 3 fields"),
+          std::tuple(std::string("\xFF\xFE"
+                                 "C"),
+                     "t.txt", "UTF-16"),
+          std::tuple(std::string(), "t.txt", "is empty"),
+          std::tuple(std::string("\0\1\2\3", 4), "t.txt", "t.txt:1: the line holds a control character")}) {
+        try {
+            Color::parseChartLayout(text, name, given);
+            ADD_FAILURE() << reason;
+        } catch (const CgatsError& error) {
+            EXPECT_NE(std::string(error.what()).find(reason), std::string::npos) << error.what();
+        }
+    }
+}
+
+TEST(PlacementTest, isReadFromItsFileAndFromEveryLayout) {
+    const TemporaryFolder folder;
+    std::ofstream(folder.file("chart.txt")) << smallChart();
+    Color::Placement placement = Color::readPlacement(folder.file("chart.txt"));
+    EXPECT_EQ(placement.lastRowColumns, 2);
+    placement.topLeft = {1.0 / 3, 20.5};
+    std::ofstream(folder.file("placed.txt")) << Color::placementText(placement, "the \"small\" one");
+    const Color::Placement read = Color::readPlacement(folder.file("placed.txt"));
+    EXPECT_EQ(static_cast<Color::Grid>(read), static_cast<Color::Grid>(placement));
+    EXPECT_EQ(read.topLeft.x, 1.0 / 3);
+    const ChartLayout moved = Color::readChartLayout(folder.file("chart.txt"), {placement, placement});
+    EXPECT_EQ(moved.topLeft.y, 20.5);
+    EXPECT_NE(problemOf(Color::Placement{placement, {{0, 0}, {10, 10}, {20, 20}}}), "");
 }
 
 struct Mistake {
@@ -115,13 +221,15 @@ struct Mistake {
 
 TEST(ChartLayoutTest, namesFileLineAndReasonOfWhatMakesNoSense) {
     const Mistake mistakes[] = {
-        {"CGATS.17", "CTI3", 1, "no CGATS file"},
         {"CHART_ROWS \"2\"\n", "", 0, "keyword CHART_ROWS is missing"},
+        {"CHART_BOTTOM_LEFT \"10 30.5\"\n", "", 0, "keyword CHART_BOTTOM_LEFT is missing"},
         {"CHART_ROWS \"2\"", "CHART_ROWS \"0\"", 2, "at least 1"},
         {"CHART_COLUMNS 3", "CHART_COLUMNS -3", 3, "at least 1"},
         {"CHART_COLUMNS 3", "CHART_COLUMNS three", 3, "no whole number"},
         {"CHART_COLUMNS 3", "CHART_COLUMNS 3\nCHART_COLUMNS 4", 4, "twice"},
         {"CHART_ROWS \"2\"", "CHART_ROWS \"2000000000\"", 11, "the grid has"},
+        {"SAMPLE_ID ROW", "SAMPLE_ID LINE", 0, "field ROW is missing"},
+        {"SPECTRAL_NM390", "NM380", 0, "two fields for 380 nm"},
         {"LAST_ROW_COLUMNS \"2\"", "LAST_ROW_COLUMNS \"4\"", 4, "between 0 and"},
         {"\"10 20\"", "\"10\"", 5, "two numbers"},
         {"\"10 20\"", "\"10 inf\"", 5, "two finite numbers"},
@@ -225,6 +333,10 @@ TEST(MeasurementFileTest, isWholeAfterEveryRowAndLosesNoBit) {
     const TemporaryFolder folder;
     ChartLayout layout = Color::parseChartLayout(smallChart(), "small.txt");
     layout.patches[4].sampleId = "the \"last\" one";
+    layout.fieldNames = {"SAMPLE_NAME", "CMYK_C"};
+    for (Color::Patch& patch : layout.patches) {
+        patch.values = {{"a \"b\" #", true}, {"007.50", false}};
+    }
     std::mt19937 random(1);
     Color::MeasurementFile file(folder.file("out.txt"), layout, MeasurementCondition::M2);
     std::vector<Reading> written;
@@ -248,6 +360,7 @@ TEST(MeasurementFileTest, isWholeAfterEveryRowAndLosesNoBit) {
             EXPECT_EQ(read.readings[i].spotIndex, written[i].spotIndex);
             EXPECT_EQ(read.readings[i].lab, written[i].lab);
             EXPECT_EQ(read.readings[i].spectrum, written[i].spectrum);
+            EXPECT_EQ(read.readings[i].values, layout.patches[0].values);
         }
     }
     EXPECT_EQ(file.count(), written.size());

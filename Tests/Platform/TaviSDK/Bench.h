@@ -40,6 +40,7 @@ protected:
     static Color::ChartLayout chart(int rows, int columns, int lastRowColumns, Color::Point topLeft,
                                     Color::Point across, Color::Point down) {
         Color::ChartLayout layout;
+        layout.hasSpectra = true;
         layout.rows = rows;
         layout.columns = columns;
         layout.lastRowColumns = lastRowColumns;
