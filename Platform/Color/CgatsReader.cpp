@@ -52,8 +52,7 @@ std::string readWholeFile(const std::string& path) {
         throw CgatsError(path, 0, "is too large");
     }
     if (!file) {
-        throw CgatsError(
-            path, 0, (file.isFolder() ? "cannot be read: " : "cannot be opened: ") + file.error.message());
+        throw CgatsError(path, 0, file.isFolder() ? "cannot be read" : "cannot be opened");
     }
     return std::move(file.bytes);
 }
