@@ -23,6 +23,7 @@ double quantile(std::vector<double> values, double part);
 void measureRoundTrip(Report& report);
 void measureHandOver(Report& report);
 void measureChart(Report& report);
+void measureScan(Report& report);
 void measureProcess(Report& report);
 void measureFleet(Report& report);
 

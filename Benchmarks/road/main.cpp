@@ -1,5 +1,5 @@
-// How fast the road from client to instrument is: road_benchmark [round-trip] [hand-over] [chart] [process]
-// [fleet]. Ends with 1 when a limit is not kept.
+// How fast the road from client to instrument is: road_benchmark [round-trip] [hand-over] [chart] [scan]
+// [process] [fleet]. Ends with 1 when a limit is not kept.
 
 #include "Report.h"
 
@@ -33,11 +33,10 @@ int main(int argc, char** argv) {
         const char* name;
         void (*measure)(road::Report&);
     };
-    constexpr Section kSections[] = {{"round-trip", road::measureRoundTrip},
-                                     {"hand-over", road::measureHandOver},
-                                     {"chart", road::measureChart},
-                                     {"process", road::measureProcess},
-                                     {"fleet", road::measureFleet}};
+    constexpr Section kSections[] = {
+        {"round-trip", road::measureRoundTrip}, {"hand-over", road::measureHandOver},
+        {"chart", road::measureChart},          {"scan", road::measureScan},
+        {"process", road::measureProcess},      {"fleet", road::measureFleet}};
     try {
         road::Report report;
         for (const Section& section : kSections) {

@@ -3,12 +3,30 @@
 #include "Locks.h"
 #include "Trace.h"
 
-#include <unistd.h>
+#include <ctime>
 
 namespace VellDevice {
 
+namespace {
+
+constexpr clockid_t kClock = CLOCK_MONOTONIC; // the waiters'; setting the date wakes nobody late
+
+timespec oneSecondFromNow() {
+    timespec time{};
+    clock_gettime(kClock, &time);
+    ++time.tv_sec;
+    return time;
+}
+
+} // namespace
+
 RemoteObjectPerformer::RemoteObjectPerformer() {
     ThreadLock::InitializeMechanism(mPerformLock);
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, kClock);
+    pthread_cond_init(&mPerformedCondition, &attributes);
+    pthread_condattr_destroy(&attributes);
     CFRunLoopTimerContext context{0, this, nullptr, nullptr, nullptr};
     mTimer = CFRunLoopTimerCreate(kCFAllocatorDefault, 0, 0, 0, 0, __CFRunLoopPerformCallBack, &context);
 }
@@ -20,6 +38,7 @@ RemoteObjectPerformer::~RemoteObjectPerformer() {
         CFRelease(mTimer);
         mTimer = nullptr;
     }
+    pthread_cond_destroy(&mPerformedCondition);
     pthread_mutex_destroy(&mPerformLock);
 }
 
@@ -40,31 +59,35 @@ void RemoteObjectPerformer::schedule(bool wait) {
     }
     CFRunLoopAddTimer(target, mTimer, kCFRunLoopDefaultMode);
     // From here on an object that deletes itself may be gone.
-    if (!wait)
-        return;
-    while (!performed())
-        sleep(1);
+    if (wait)
+        waitUntilPerformed();
 }
 
 void RemoteObjectPerformer::scheduleOnRunLoop(void* performer, bool wait) {
     static_cast<RemoteObjectPerformer*>(performer)->schedule(wait);
 }
 
-bool RemoteObjectPerformer::performed() {
+// Looks at once and at least once a second, and besides that when it is woken. The wait gives up one hold of
+// the recursive mutex, which is why this thread has no other.
+void RemoteObjectPerformer::waitUntilPerformed() {
     const ThreadLock lock(mPerformLock);
-    return mPerformed;
+    while (!mPerformed) {
+        const timespec nextLook = oneSecondFromNow();
+        pthread_cond_timedwait(&mPerformedCondition, &mPerformLock, &nextLook);
+    }
 }
 
 void RemoteObjectPerformer::internalPerform() {
     VellLogRuntime("[RemoteObjectPerformer] - performing {%p} on run loop {%p}\n", static_cast<void*>(this),
                    static_cast<void*>(CFRunLoopGetCurrent()));
     perform();
-    // Once mPerformed is seen, a waiting thread may take the object off its stack: nothing of it is read
-    // after that.
+    // Once mPerformed is seen, a waiting thread may take the object off its stack: nothing of it is touched
+    // after the lock is given back, and the waiter cannot see it before.
     const bool deleteAfterPerform = mDeleteAfterPerform;
     {
         const ThreadLock lock(mPerformLock);
         mPerformed = true;
+        pthread_cond_signal(&mPerformedCondition);
     }
     VellLogRuntime("[RemoteObjectPerformer] - performed {%p} on run loop {%p}\n", static_cast<void*>(this),
                    static_cast<void*>(CFRunLoopGetCurrent()));

@@ -12,9 +12,9 @@ namespace VellDevice {
 // events, so it never overlaps a command. Any thread may schedule; an object is scheduled once.
 //
 // Who owns it follows from `wait`. With true the scheduling code does, and the object may live on its stack:
-// schedule returns when perform() has finished, looking once a second, however long the main thread takes.
-// With false the object was made with new and deletes itself on the main thread. Scheduled on the main thread
-// itself, the work is done before schedule returns.
+// schedule returns as soon as perform() has finished, however long the main thread takes. With false the
+// object was made with new and deletes itself on the main thread. Scheduled on the main thread itself, the
+// work is done before schedule returns.
 class RemoteObjectPerformer {
 public:
     RemoteObjectPerformer();
@@ -31,12 +31,13 @@ public:
 
 private:
     static void __CFRunLoopPerformCallBack(CFRunLoopTimerRef timer, void* info);
-    bool performed();
+    void waitUntilPerformed();
 
     bool mDeleteAfterPerform = false;
     bool mPerformed = false; // guarded by mPerformLock
     pthread_mutex_t mPerformLock;
     CFRunLoopTimerRef mTimer = nullptr;
+    pthread_cond_t mPerformedCondition; // signalled under mPerformLock when mPerformed turns true
 };
 
 } // namespace VellDevice
