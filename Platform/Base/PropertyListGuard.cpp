@@ -142,12 +142,14 @@ std::optional<BinaryReader::Object> BinaryReader::object(std::uint64_t index) co
     }
 }
 
-// The nesting of elements in XML text, as far as it matters for recursion.
+// The nesting of elements in XML text, as far as it matters for recursion. What two readers could take for
+// different things (a bracket in quotes, a declaration of the text's own) is refused: what this passes over
+// as a comment or a text must be one to the library, too.
 class XmlScanner {
 public:
     explicit XmlScanner(std::string_view text) : mText(text) {}
 
-    // False when the text nests too deep or breaks off inside a construct.
+    // False when the text nests too deep, breaks off inside a construct or has one that is ambiguous.
     bool isShallow() {
         for (;;) {
             mPosition = mText.find('<', mPosition);
@@ -159,37 +161,44 @@ public:
     }
 
 private:
-    bool startsWith(std::string_view text) const { return mText.substr(mPosition, text.size()) == text; }
-    bool skipPast(std::string_view end) {
-        mPosition = mText.find(end, mPosition);
-        if (mPosition == std::string_view::npos)
+    // Past `begin`, which must stand here, and the next `end` behind it; the two may not share a character.
+    bool pass(std::string_view begin, std::string_view end) {
+        if (mText.substr(mPosition, begin.size()) != begin)
             return false;
-        mPosition += end.size();
+        const std::size_t found = mText.find(end, mPosition + begin.size());
+        mIsBroken = found == std::string_view::npos || found != mText.find(end, mPosition + 1);
+        mPosition = mIsBroken ? mText.size() : found + end.size();
         return true;
     }
     bool passConstruct() {
-        if (startsWith("<!--"))
-            return skipPast("-->");
-        if (startsWith("<![CDATA["))
-            return skipPast("]]>");
-        if (startsWith("<?"))
-            return skipPast("?>");
-        if (startsWith("<!"))
-            return skipPast(">");
-        const bool closes = startsWith("</");
-        if (!skipPast(">"))
+        if (pass("<!--", "-->") || pass("<![CDATA[", "]]>") || pass("<?", "?>"))
+            return !mIsBroken;
+        const std::size_t end = mText.find('>', mPosition);
+        if (end == std::string_view::npos)
             return false;
-        const bool isEmpty = mText[mPosition - 2] == '/';
-        if (closes)
+        const std::string_view inside = mText.substr(mPosition + 1, end - mPosition - 1);
+        mPosition = end + 1;
+        if (!isUnambiguous(inside))
+            return false;
+        if (inside.starts_with('!'))
+            return inside.starts_with("!DOCTYPE");
+        if (inside.starts_with('/'))
             mDepth = std::max(0, mDepth - 1);
-        else if (!isEmpty)
+        else if (!inside.ends_with('/'))
             ++mDepth;
         return true;
+    }
+    static bool isUnambiguous(std::string_view inside) {
+        const auto isEven = [&](char quote) {
+            return std::count(inside.begin(), inside.end(), quote) % 2 == 0;
+        };
+        return inside.find_first_of("<[") == std::string_view::npos && isEven('"') && isEven('\'');
     }
 
     const std::string_view mText;
     std::size_t mPosition = 0;
     int mDepth = 0;
+    bool mIsBroken = false;
 };
 
 } // namespace

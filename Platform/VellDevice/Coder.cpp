@@ -2,6 +2,7 @@
 
 #include "PropertyListWriter.h"
 
+#include <Base/File.h>
 #include <Base/PropertyListGuard.h>
 #include <Base/Utf8.h>
 
@@ -151,5 +152,10 @@ VellDataRef VellCoderCopyEncodedDataWithRootObject(VellObjectRef root) {
 }
 
 VellObjectRef VellCoderCopyRootObjectWithEncodedData(VellDataRef data) {
-    return data ? objectOfNode(Base::parsePropertyList(data->bytes).get()).leak() : nullptr;
+    return data ? objectOfNode(Base::parseBinaryPropertyList(data->bytes).get()).leak() : nullptr;
+}
+
+VellObjectRef VellCoderCopyRootObjectWithContentsAtPath(VellStringRef path) {
+    const Base::FileContents file = Base::readFile(textOf(path), PropertyListGuard::kMaximumSize);
+    return file ? objectOfNode(Base::parsePropertyList(file.bytes).get()).leak() : nullptr;
 }

@@ -97,8 +97,12 @@ VellStringRef VellDictionaryGetKeyAtIndex(VellDictionaryRef dictionary, int inde
 // Binary property list of strings, numbers, data, arrays and dictionaries. Null when there is something else
 // in it.
 VellDataRef VellCoderCopyEncodedDataWithRootObject(VellObjectRef root);
-VellObjectRef
-VellCoderCopyRootObjectWithEncodedData(VellDataRef data); // also reads XML; null when it is neither
+// Reads what the call above writes, from whoever sent it: null for anything else, XML included, and for what
+// nests deeper than 64 levels.
+VellObjectRef VellCoderCopyRootObjectWithEncodedData(VellDataRef data);
+// Of this platform only: a property list of either form from a regular file. Null when it cannot be read
+// whole.
+VellObjectRef VellCoderCopyRootObjectWithContentsAtPath(VellStringRef path);
 
 // --- Commands, receipts, responses
 

@@ -42,8 +42,7 @@ HardwareFile::HardwareFile(std::filesystem::path file) : mFile(std::move(file)) 
 HardwareFile HardwareFile::read(const std::filesystem::path& file) {
     HardwareFile result(file);
     const auto path = makeString(file.string());
-    const Ref<VellDataRef> data(VellDataCreateWithContentsAtPath(path.get()));
-    Ref<VellObjectRef> root(VellCoderCopyRootObjectWithEncodedData(data.get()));
+    Ref<VellObjectRef> root(VellCoderCopyRootObjectWithContentsAtPath(path.get()));
     if (!VellCheckedCast(root.get(), "VellDictionaryRef"))
         throw DeviceFailure(file.string() + ": not a hardware file");
     result.mRoot.reset(static_cast<VellDictionaryRef>(root.release()));

@@ -99,6 +99,29 @@ TEST_F(HardwareFileTest, whatCannotBeReadWholeChangesNothing) {
         std::this_thread::sleep_for(10ms);
         EXPECT_EQ(option("TaviTSerialNumber"), "A");
     }
+    // A few hundred bytes whose shared parts would unfold to millions of texts.
+    std::string doubling("bplist00");
+    std::string offsets;
+    const auto add = [&](const std::string& object) {
+        offsets += static_cast<char>(doubling.size());
+        doubling += object;
+    };
+    add("\xd3\1\3\4\2\5\7");
+    add("\x54Path");
+    add("\x51p");
+    add("\x5aSimulation");
+    add("\x51x");
+    add("\xd1\6\2");
+    add("\x5cSerialNumber");
+    for (char next = 8; next < 29; ++next)
+        add(std::string("\xa2") + next + next);
+    add("\x51y");
+    const auto table = static_cast<char>(doubling.size());
+    doubling += offsets + std::string(6, '\0') + "\1\1" + std::string(7, '\0') +
+                static_cast<char>(offsets.size()) + std::string(15, '\0') + table;
+    write(doubling);
+    std::this_thread::sleep_for(10ms);
+    EXPECT_EQ(option("TaviTSerialNumber"), "A");
     // Binary property lists are as good as text; values of the wrong type count as absent.
     plist_t root = nullptr;
     const std::string text = device("<key>SerialNumber</key><string>B</string><key>Noise</key><array/>"

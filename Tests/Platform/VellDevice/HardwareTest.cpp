@@ -2,6 +2,7 @@
 
 #include <Base/FolderEvents.h>
 
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -86,6 +87,10 @@ private:
 };
 
 TEST_F(HardwareTest, FilesThatComeAndGoAreAttachesAndRemovals) {
+    // Whoever opened it would wait for a writer that never comes.
+    ASSERT_EQ(mkfifo((folder.path() + "/pipe").c_str(), 0600), 0);
+    std::filesystem::create_directories(folder.hardwareFolder());
+    std::filesystem::create_symlink(folder.path() + "/pipe", file("0.plist"));
     replaceFile(file("a.plist"), hardware("usb:a"));
     VellHardwareManagerOpen(manager());
     EXPECT_THAT(events, IsEmpty()); // by the run loop only
