@@ -267,6 +267,59 @@ class InterruptedScanTest(ToolsTest):
         self.assertGreaterEqual(len(read_measurements(self.path("out.txt"))), 10)
 
 
+class PictureTest(ToolsTest):
+    """The chart on a colour terminal, as it fills."""
+
+    LEVELS = ((0.9, 0.04, 0.5), (0.02, 0.7, 0.2), (None, 0.3, 0.6))
+
+    def scan(self, columns, *options, **environment):
+        chart = Chart(3, 3, last=2)
+        for row, column in chart.spectra:
+            chart.spectra[row, column] = [self.LEVELS[row][column]] * 36
+        layout = self.write_chart(chart)
+        environment = {"TERM": "xterm-256color", "COLORTERM": "truecolor"} | environment
+        process, terminal = self.start_on_terminal(columns, "--simulated", layout, "scan", layout, "--time-scale", "0",
+                                                   "--output", self.path("out.txt"), *options, environment=environment)
+        terminal.wait_for("3 of 3 rows")
+        self.assertEqual(process.wait(60), 0)
+        return terminal.shown
+
+    def pixels(self, line):
+        """The upper and the lower half of each column: a grey level, or nothing."""
+        ink = paper = None
+        pixels = []
+        for layer, level, character in re.findall("\033\\[(?:([34])8;2;(\\d+);\\d+;\\d+)?m|([ \u2580\u2584\u00b7])", line):
+            if character:
+                pixels.append({"\u2580": (ink, paper), "\u2584": (paper, ink)}.get(character, (paper, paper)))
+            elif layer == "3":
+                ink = int(level)
+            else:
+                paper, ink = (int(level), ink) if layer else (None, None)
+        return pixels
+
+    def test_it_shows_what_was_measured(self):
+        """On a small terminal too: three half lines to a patch."""
+        shown = self.scan(12)
+        *_, picture = re.split("\033\\[5A", shown)
+        lines = [self.pixels(line) for line in picture.split("\n")[:5]]
+        self.assertEqual({len(line) for line in lines}, {9})
+        halves = [[pixel[half] for pixel in line] for line in lines for half in (0, 1)]
+        for y, half in enumerate(halves[:9]):
+            for x, level in enumerate(half):
+                reflectance = self.LEVELS[y // 3][x // 3]
+                if reflectance is None:
+                    self.assertIsNone(level)
+                else:
+                    self.assertAlmostEqual(level, 255 * (1.055 * reflectance ** (1 / 2.4) - 0.055), delta=1.5)
+        self.assertIn("\u00b7", shown)  # before that
+
+    def test_it_is_left_out(self):
+        for columns, options, environment in ((60, ["--no-picture"], {}), (60, [], {"NO_COLOR": "1"}),
+                                              (60, [], {"TERM": "dumb"}), (3, [], {})):
+            self.assertNotIn("8;2;", self.scan(columns, *options, **environment))
+        self.assertIn("\033[48;5;", self.scan(60, COLORTERM=""))
+
+
 class AlignTest(ToolsTest):
     """Where a chart lies is found by hand, and measured there."""
 

@@ -68,7 +68,10 @@ _tablectl() {
         mode) options+=" ScanningReflectance SingleReflectance" ;;
         send) [[ "$previous" == send ]] && _tablectl_offer < <(_tablectl_ask "  " "${device[@]}" commands) ;;
         status) options+=" --watch" ;;
-        scan) options+=" --grid --corners --placement --output --report --rows --spot --low-resolution --time-scale" ;;
+        scan)
+            options+=" --grid --corners --placement --output --report --rows --spot --low-resolution --no-picture"
+            options+=" --time-scale"
+            ;;
         spot) options+=" --count --time-scale" ;;
         align) options+=" --output --time-scale" ;;
         simulate)

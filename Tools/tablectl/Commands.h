@@ -27,6 +27,7 @@ struct ScanRequest {
     std::string rows;       // A-B or A, the first and last; "": the whole chart
     std::optional<int> spotReadings;
     bool lowResolution = false;
+    bool noPicture = false; // of the chart as it fills
 };
 
 // What is to change of a virtual instrument.

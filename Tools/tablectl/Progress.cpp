@@ -118,20 +118,27 @@ void Progress::begin() {
     mBegin = std::chrono::steady_clock::now();
     if (mOutput.isJson())
         mOutput.object(Json().add("event", "begin").add("rows", mState.rows).add("patches", mState.patches));
+    drawPicture();
     tick();
 }
 
-void Progress::row(int row, int patches, std::optional<bool> spot, const std::string& readings) {
+void Progress::showChart(const Color::ChartLayout& layout) {
+    const ColorDepth depth = colorDepth(Stream::error);
+    if (mLive && depth != ColorDepth::none)
+        mPicture.emplace(layout, depth);
+}
+
+void Progress::row(const Row& row, int patches, std::optional<bool> spot, const std::string& readings) {
     mState.rowsDone++;
     mState.patchesDone += patches;
     mState.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - mBegin).count();
     if (spot.value_or(false))
-        mState.spotRows.push_back(row);
+        mState.spotRows.push_back(row.row);
     mState.knowsSpotRows = mState.knowsSpotRows && spot.has_value();
     if (mOutput.isJson()) {
         Json json;
         json.add("event", "row")
-            .add("row", row)
+            .add("row", row.row)
             .add("patches", patches)
             .add("rowsDone", mState.rowsDone)
             .add("patchesDone", mState.patchesDone)
@@ -143,9 +150,12 @@ void Progress::row(int row, int patches, std::optional<bool> spot, const std::st
             json.addRaw("readings", readings);
         mOutput.object(json);
     } else if (mLive) {
+        if (mPicture)
+            mPicture->add(row);
+        drawPicture();
         draw();
     } else {
-        std::fprintf(stderr, "row %d: %d patches%s\n", row, patches,
+        std::fprintf(stderr, "row %d: %d patches%s\n", row.row, patches,
                      spot.value_or(false) ? ", by spots" : "");
     }
 }
@@ -175,6 +185,23 @@ void Progress::draw() {
     // One column stays free: a cursor in the last one makes some terminals wrap.
     std::fprintf(stderr, "\r%s\033[K", progressLine(mState, terminalWidth(Stream::error) - 1).c_str());
     mDrawn = true;
+}
+
+// Over the one before; where the terminal has another size by now, its lines are no longer where they were.
+void Progress::drawPicture() {
+    if (!mPicture)
+        return;
+    const std::pair<int, int> room(terminalWidth(Stream::error), terminalHeight(Stream::error));
+    const std::vector<std::string> lines = mPicture->lines(room.first - 1, room.second * 2 / 3);
+    clear();
+    std::string text;
+    if (mPictureLines > 0 && room == mPictureRoom)
+        text = "\033[" + std::to_string(mPictureLines) + "A";
+    for (const std::string& line : lines)
+        text += "\r" + line + "\033[K\n";
+    std::fputs(text.c_str(), stderr);
+    mPictureLines = lines.size();
+    mPictureRoom = room;
 }
 
 void Progress::clear() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Output.h"
+#include "Picture.h"
 
 #include <chrono>
 #include <optional>
@@ -41,11 +42,15 @@ public:
 
     bool isLive() const { return mLive; } // the display wants to be told about passing time
 
+    // Shows the chart as it fills, above the bar, where a terminal has room and colours for it. The layout
+    // lives as long as this does.
+    void showChart(const Color::ChartLayout& layout);
+
     void step(const std::string& event, const std::string& text); // "calibrating", ...
     void begin();                                                 // the measurement begins
     // `spot`: by spots, where strips were to be tried; nothing when that cannot be told. `readings`: JSON
     // that goes with the event; "": none.
-    void row(int row, int patches, std::optional<bool> spot, const std::string& readings);
+    void row(const Row& row, int patches, std::optional<bool> spot, const std::string& readings);
     void tick();
     void end(const std::string& event, const std::string& text);
 
@@ -53,11 +58,15 @@ public:
 
 private:
     void draw();
+    void drawPicture();
     void clear();
 
     Output& mOutput;
     bool mLive;
-    bool mDrawn = false;
+    bool mDrawn = false; // the line in which the cursor stands
+    std::optional<Picture> mPicture;
+    std::size_t mPictureLines = 0;    // that stand above it
+    std::pair<int, int> mPictureRoom; // the terminal's size when they were drawn
     ProgressState mState;
     std::chrono::steady_clock::time_point mBegin;
 };

@@ -86,6 +86,8 @@ Scan::Scan(Context& context, const Table& table, const ScanRequest& request, con
       mLog(std::filesystem::path(VellService::logFolderPath()) / table.status().attribute("DeviceLogName")) {}
 
 void Scan::run() {
+    if (!mRequest.noPicture)
+        mProgress.showChart(mLayout);
     try {
         prepare();
         measure();
@@ -169,7 +171,7 @@ void Scan::take(const Reply& reply) {
     mLog.update();
     // Somebody who wants JSON and no file gets the readings with the event.
     const bool wantsReadings = mContext.output.isJson() && mSink->isOwn();
-    mProgress.row(row.row, patchesInRow(mLayout, row.row),
+    mProgress.row(row, patchesInRow(mLayout, row.row),
                   mRequest.spotReadings ? std::optional(false) : mLog.wasSpotRead(row.row),
                   wantsReadings ? readingsJson(row, mLayout) : "");
     mRows.push_back(std::move(row));
