@@ -5,6 +5,7 @@ include(CMakePackageConfigHelpers)
 
 set(TAVI_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/vell)
 set(TAVI_INSTALL_DOCDIR ${CMAKE_INSTALL_DATADIR}/doc/tavi-io)
+set(TAVI_INSTALL_PYTHONDIR lib/python3/dist-packages)
 set(TAVI_INSTALL_BUNDLEDIR lib/TaviIO.bundle/Contents) # where the programs look for it, beside their own folder
 
 # From a folder below the prefix to the libraries, as a loader's search path.

@@ -13,13 +13,18 @@ set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
 "Measures printed colour charts with an X/Y scanning table that carries a
 handheld spectrophotometer: the device service and its plug-in, the program
-tablectl, and the headers and libraries for clients of one's own.
+tablectl, the Python package vell_device, and the headers and libraries for
+clients of one's own.
 .
 A virtual table is built in, so everything can be tried without the hardware.")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "python3") # of an example
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/triggers ${PROJECT_BINARY_DIR}/shlibs)
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "python3 (>= 3.9)") # of the package for scripts
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/cmake/debian/triggers
+    ${PROJECT_SOURCE_DIR}/cmake/debian/postinst
+    ${PROJECT_SOURCE_DIR}/cmake/debian/prerm
+    ${PROJECT_BINARY_DIR}/shlibs)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/debian/arrange.cmake)
 
 # What a package of a client depends on.

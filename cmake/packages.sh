@@ -4,7 +4,8 @@ packages_to_build="g++ cmake ninja-build pkg-config libplist-dev libcli11-dev"
 packages_to_test="libgtest-dev libgmock-dev libopenblas-dev python3"
 packages_to_fuzz="clang libclang-rt-dev"
 packages_to_measure="libbenchmark-dev libeigen3-dev libopenblas-dev libuv1-dev"
-packages_to_check="clang-format chromium dpkg-dev file" # without them the tests of report and package are skipped
+# Without them the tests of report, package and types are skipped.
+packages_to_check="clang-format chromium dpkg-dev file mypy"
 
 # Whether the package is there, whole.
 is_installed() {

@@ -64,6 +64,10 @@ class InstallTest(ToolsTest):
                       "--output", self.path("out.txt"))
         self.assertEqual(len(read_measurements(self.path("out.txt"))), 21)
 
+    def test_the_python_package_finds_the_programs_beside_it(self):
+        package = os.path.join(self.prefix, "lib", "python3", "dist-packages")
+        self.assertEqual(self.measured_in_python(package, os.path.join(self.documentation, "Examples")), "11 rows\n")
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -44,6 +44,8 @@ class PackageTest(ToolsTest):
         self.tablectl("--simulated", chart, "scan", chart, "--rows", "0", "--time-scale", "0",
                       "--output", self.path("out.txt"))
         self.assertEqual(len(read_measurements(self.path("out.txt"))), 21)
+        package = os.path.join(root, "usr/lib/python3/dist-packages")
+        self.assertEqual(self.measured_in_python(package, os.path.dirname(chart)), "11 rows\n")
 
 
 if __name__ == "__main__":

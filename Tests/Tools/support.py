@@ -262,6 +262,14 @@ class ToolsTest(unittest.TestCase):
         self.assertEqual(result.returncode, status, f"{arguments}: {result.stdout}{result.stderr}")
         return result.stdout, result.stderr
 
+    def measured_in_python(self, package, charts):
+        """What a script says that measures with an installed Python package."""
+        script = ("import vell_device as vell\n"
+                  "with vell.virtual_table('print-target.txt') as table:\n"
+                  "    print(len(list(table.scan(vell.Layout.read('print-target.txt')))), 'rows')")
+        return subprocess.run([sys.executable, "-c", script], cwd=charts, text=True, timeout=300, check=True,
+                              stdout=subprocess.PIPE, env=self.environment | {"PYTHONPATH": package}).stdout
+
     def run_shown(self, document, beginning, folder, **environment):
         """Runs commands that a document shows, in its order, and returns what they wrote."""
         output = ""
