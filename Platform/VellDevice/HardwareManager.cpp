@@ -125,7 +125,7 @@ void HardwareSearch::lookAt(const std::string& file) {
     if (!description || !manager)
         return; // as it was
     if (known != mDevices.end()) {
-        if (known->second->path() == description->path)
+        if (equalIgnoringCase(known->second->path(), description->path))
             return; // a change in place: the device reads it when it is asked
         remove(file);
     }
@@ -140,8 +140,9 @@ void HardwareSearch::lookAt(const std::string& file) {
 // Two files may name one device. The first of them by name is the one that counts, so that all programs agree
 // on it, and the next takes its place when it goes.
 bool HardwareSearch::yieldsToAnother(const std::string& file, const std::string& path) {
-    const auto other = std::find_if(mDevices.begin(), mDevices.end(),
-                                    [&](const auto& entry) { return entry.second->path() == path; });
+    const auto other = std::find_if(mDevices.begin(), mDevices.end(), [&](const auto& entry) {
+        return equalIgnoringCase(entry.second->path(), path);
+    });
     if (other == mDevices.end())
         return false;
     if (other->first < file)

@@ -14,7 +14,8 @@ class HardwareSearch;
 
 // Tells its owner which of the attached devices match, as they come and go. Registering, criteria and opening
 // belong to one thread, whose loop delivers; closing is for any thread. A device that changes in place is
-// updated in its object and not reported. Of several files with one path the first by name is the device.
+// updated in its object and not reported. Of several files with one path, in whatever letter case, the first
+// by name is the device.
 struct __VellHardwareManager final : VellService::Object {
     static constexpr const char* kTypeName = "VellHardwareManagerRef";
 

@@ -64,7 +64,7 @@ std::string logFolderPath() {
 }
 
 std::string socketPath(const std::string& devicePath) {
-    const auto source = Ref<__VellString>::adopt(VellStringCreateWithCString(devicePath.c_str()));
+    const auto source = makeString(inLowerCase(devicePath));
     char name[16];
     std::snprintf(name, sizeof name, "%08x.sock", VellHash(source.get()));
     return runtimeFolderPath() + "/" + name;

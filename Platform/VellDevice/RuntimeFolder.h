@@ -16,7 +16,8 @@ std::string runtimeFolderPath();
 std::string hardwareFolderPath(); // $VELL_HARDWARE_DIR, else "hardware" in the runtime folder
 std::string logFolderPath();      // $VELL_LOG_DIR, else "log" in the runtime folder
 
-// The socket of the plug-in that serves a device path: in the runtime folder, named by the path's hash.
+// The socket of the plug-in that serves a device path: in the runtime folder, named by the hash of the path
+// in lower case, since paths that differ in letter case only name one device.
 std::string socketPath(const std::string& devicePath);
 
 // Makes the folder where it is missing. Nothing on success, else why not, as a sentence for a log line or a

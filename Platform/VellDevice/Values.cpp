@@ -75,6 +75,11 @@ bool VellService::equalIgnoringCase(std::string_view left, std::string_view righ
                       [](char l, char r) { return lower(l) == lower(r); });
 }
 
+std::string VellService::inLowerCase(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), lower);
+    return text;
+}
+
 // --- Strings
 
 __VellString::__VellString(std::string value) : Object(kTypeName), text(upToNull(std::move(value))) {}
@@ -130,11 +135,7 @@ int VellStringCompare(VellStringRef left, VellStringRef right, int options) {
         return (left ? 1 : 0) - (right ? 1 : 0);
     if (options != 1)
         return compareText(left->text, right->text);
-    std::string leftText = left->text;
-    std::string rightText = right->text;
-    std::transform(leftText.begin(), leftText.end(), leftText.begin(), lower);
-    std::transform(rightText.begin(), rightText.end(), rightText.begin(), lower);
-    return compareText(leftText, rightText);
+    return compareText(inLowerCase(left->text), inLowerCase(right->text));
 }
 
 // --- Numbers

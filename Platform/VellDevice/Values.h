@@ -97,6 +97,8 @@ inline Ref<__VellString> makeString(std::string text) {
     return Ref<__VellString>::adopt(new __VellString(std::move(text)));
 }
 
+// Letters are those of ASCII, as VellStringCompare ignores the case of with option 1.
 bool equalIgnoringCase(std::string_view left, std::string_view right);
+std::string inLowerCase(std::string text);
 
 } // namespace VellService

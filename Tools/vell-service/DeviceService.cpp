@@ -16,17 +16,25 @@ std::string pathOf(VellHardwareDeviceRef device) {
     return tools::textOf(tools::Ref<VellStringRef>(VellHardwareDeviceCopyPath(device)).get());
 }
 
+int comparePaths(const std::string& left, const std::string& right) {
+    return VellStringCompare(tools::makeString(left).get(), tools::makeString(right).get(), 1);
+}
+
 // The record that a plug-in has published for the path; null before it has.
 VellDeviceRef recordFor(VellArrayRef devices, const std::string& path) {
     for (int index = 0; index < VellArrayGetCount(devices); ++index) {
         const auto device = static_cast<VellDeviceRef>(VellArrayGetValueAtIndex(devices, index));
-        if (tools::textOf(VellDeviceGetPath(device)) == path)
+        if (comparePaths(tools::textOf(VellDeviceGetPath(device)), path) == 0)
             return device;
     }
     return nullptr;
 }
 
 } // namespace
+
+bool DeviceService::PathOrder::operator()(const std::string& left, const std::string& right) const {
+    return comparePaths(left, right) < 0;
+}
 
 DeviceService::DeviceService(const Settings& settings, const Bundle& bundle)
     : mSettings(settings),
@@ -71,9 +79,9 @@ void DeviceService::attached(VellHardwareDeviceRef device) {
     log("%s: attached", path.c_str());
     auto& instrument = mInstruments[path];
     if (!instrument)
-        instrument = std::make_unique<Instrument>(mSettings, path);
+        instrument = std::make_unique<Instrument>(mSettings);
     const tools::Ref<VellStringRef> file(VellHardwareDeviceCopyFilePath(device));
-    instrument->attach(tools::textOf(file.get()));
+    instrument->attach(path, tools::textOf(file.get()));
 }
 
 void DeviceService::removed(VellHardwareDeviceRef device) {

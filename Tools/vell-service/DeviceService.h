@@ -31,6 +31,11 @@ private:
     static void hardwareRemoved(VellHardwareManagerRef, VellHardwareDeviceRef device, const void* context);
     static void deviceChanged(void* context, VellDeviceRef device, unsigned event);
 
+    // Paths that differ in letter case only name one device, as the plug-in compares them, too.
+    struct PathOrder {
+        bool operator()(const std::string& left, const std::string& right) const;
+    };
+
     void attached(VellHardwareDeviceRef device);
     void removed(VellHardwareDeviceRef device);
     void signalAll(int number);
@@ -39,7 +44,7 @@ private:
     Settings mSettings;
     VellDeviceCenterRef mCenter;
     tools::Ref<VellHardwareManagerRef> mManager;
-    std::map<std::string, std::unique_ptr<Instrument>> mInstruments; // by device path
+    std::map<std::string, std::unique_ptr<Instrument>, PathOrder> mInstruments; // by device path
     bool mEnding = false;
     tools::LoopTimer mTerminateTimer;
     tools::LoopTimer mKillTimer;

@@ -12,10 +12,11 @@
 
 namespace service {
 
-Instrument::Instrument(const Settings& settings, std::string path)
-    : mSettings(settings), mPath(std::move(path)), mRestarts(settings.firstRestartPause) {}
+Instrument::Instrument(const Settings& settings)
+    : mSettings(settings), mRestarts(settings.firstRestartPause) {}
 
-void Instrument::attach(const std::string& hardwareFile) {
+void Instrument::attach(const std::string& path, const std::string& hardwareFile) {
+    mPath = path;
     mHardwareFile = hardwareFile;
     mAttached = true;
     mRestarts = RestartPolicy(mSettings.firstRestartPause);

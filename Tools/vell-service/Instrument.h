@@ -26,17 +26,16 @@ struct Settings {
 // good; then it stays without one until it is attached again.
 class Instrument {
 public:
-    Instrument(const Settings& settings, std::string path);
+    explicit Instrument(const Settings& settings);
     Instrument(const Instrument&) = delete;
     Instrument& operator=(const Instrument&) = delete;
 
-    const std::string& path() const { return mPath; }
     bool hasProcess() const { return mProcess != nullptr; }
     bool isAttached() const { return mAttached; }
 
-    void attach(
-        const std::string& hardwareFile); // starts the plug-in, or lets the one that is ending finish first
-    void detach();                        // the plug-in notices for itself and ends
+    // Starts the plug-in, or lets the one that is ending finish first.
+    void attach(const std::string& path, const std::string& hardwareFile);
+    void detach(); // the plug-in notices for itself and ends
     // To be called when some child of the service may have ended.
     void reap();
 

@@ -120,7 +120,7 @@ TEST_F(HardwareTest, DeviceThatWasAwayForAMomentWasAway) {
 
 TEST_F(HardwareTest, OfTwoFilesForOneDeviceTheFirstCountsAndTheOtherTakesOver) {
     replaceFile(file("b.plist"), hardware("usb:a"));
-    replaceFile(file("c.plist"), hardware("usb:a"));
+    replaceFile(file("c.plist"), hardware("USB:A")); // paths are compared without regard to letter case
     VellHardwareManagerOpen(manager());
     const auto lastFile = [this] {
         const Owned path(VellHardwareDeviceCopyFilePath(static_cast<VellHardwareDeviceRef>(last.get())));
@@ -129,17 +129,17 @@ TEST_F(HardwareTest, OfTwoFilesForOneDeviceTheFirstCountsAndTheOtherTakesOver) {
     ASSERT_TRUE(becomes({"+usb:a"}));
     EXPECT_EQ(lastFile(), file("b.plist"));
     std::filesystem::remove(file("b.plist"));
-    ASSERT_TRUE(becomes({"+usb:a", "-usb:a", "+usb:a"}));
+    ASSERT_TRUE(becomes({"+usb:a", "-usb:a", "+USB:A"}));
     EXPECT_EQ(lastFile(), file("c.plist"));
     replaceFile(file("a.plist"), hardware("usb:a"));
-    ASSERT_TRUE(becomes({"+usb:a", "-usb:a", "+usb:a", "-usb:a", "+usb:a"}));
+    ASSERT_TRUE(becomes({"+usb:a", "-usb:a", "+USB:A", "-USB:A", "+usb:a"}));
     EXPECT_EQ(lastFile(), file("a.plist"));
     replaceFile(file("a.plist"), hardware("usb:b")); // another device under the name
     events.clear();
-    ASSERT_TRUE(becomes({"-usb:a", "+usb:b", "+usb:a"}));
+    ASSERT_TRUE(becomes({"-usb:a", "+usb:b", "+USB:A"}));
     std::filesystem::remove(file("a.plist"));
     std::filesystem::remove(file("c.plist"));
-    EXPECT_TRUE(becomes({"-usb:a", "+usb:b", "+usb:a", "-usb:b", "-usb:a"}));
+    EXPECT_TRUE(becomes({"-usb:a", "+usb:b", "+USB:A", "-usb:b", "-USB:A"}));
 }
 
 TEST_F(HardwareTest, FolderIsMadePrivateAndMadeAgain) {
