@@ -33,6 +33,23 @@ class ServiceTest(ToolsTest):
         self.assertEqual((len(locks), [lock for lock in locks if os.path.exists(lock)]), (2, []))
         self.assertEqual(sorted(os.listdir(self.runtime)), ["hardware", "log"])
 
+    def test_a_service_that_is_process_1_is_a_living_parent(self):
+        unshare = ["unshare", "--pid", "--fork", "--kill-child"]
+        if os.geteuid() != 0:
+            unshare += ["--user", "--map-current-user"]
+        if subprocess.run([*unshare, "true"], stderr=subprocess.DEVNULL).returncode != 0:
+            self.skipTest("no process namespace of our own")
+        parent = self.start_service(*unshare[1:], os.path.join(BIN, "vell-service"), program=shutil.which("unshare"))
+        service, = wait_until(lambda: pathlib.Path(f"/proc/{parent.pid}/task/{parent.pid}/children").read_text().split(),
+                              "the service")
+        self.attach("usb:table")
+        client = self.connect()
+        self.assertEqual(client.call("Calibrate")["Code"], 0)
+        self.assertEqual(self.log_lines("ended"), [])
+        os.kill(int(service), signal.SIGTERM)
+        self.assertEqual(parent.wait(60), 0)
+        self.assertEqual(len(self.log_lines("exit status 0")), 1)
+
     def test_ending_the_service_ends_its_plugins_even_in_a_scan(self):
         layout = self.write_chart(Chart(6, 8))
         service = self.start_service()
@@ -71,7 +88,7 @@ class ServiceTest(ToolsTest):
 
     def test_a_device_with_two_files_lives_on_when_one_goes(self):
         second = os.path.join(self.hardware, "z.plist")
-        os.rename(self.attach("usb:table", SerialNumber="S-2"), second)
+        os.rename(self.attach("USB:Table", SerialNumber="S-2"), second)  # letter case makes no other device
         first = self.attach("usb:table", SerialNumber="S-1")
         self.start_service(environment=self.steering(clock_speed=5))  # it looks at its instruments more often
         self.assertEqual(self.connect().record["SerialNumber"], "S-1")

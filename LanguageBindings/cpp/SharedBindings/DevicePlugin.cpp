@@ -167,6 +167,7 @@ void DevicePlugin::start() {
 
 void DevicePlugin::startWithoutRunLoop() {
     VELL_TRACE();
+    DeviceCenter::sharedDeviceCenter(); // made by the main thread, before the watcher can ask for it
     mParentWatch.arm();
     registerIfNeeded();
     VellHardwareManagerOpen(mHardwareManager);

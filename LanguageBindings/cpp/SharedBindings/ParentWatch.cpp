@@ -3,18 +3,27 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <string_view>
 
 namespace VellDevice {
 
 namespace {
+
 constexpr std::chrono::seconds kCheckInterval{5};
+
+bool serviceIsProcess1() {
+    const char* const service = std::getenv("VELL_SERVICE_PID");
+    return service != nullptr && std::string_view(service) == "1";
 }
 
-ParentWatch::ParentWatch() : mParent(getppid()) {}
+} // namespace
+
+ParentWatch::ParentWatch() : mParent(getppid()), mParentIsProcess1(mParent == 1 && serviceIsProcess1()) {}
 
 bool ParentWatch::parentIsGone() const {
     const pid_t parent = getppid();
-    return parent == 1 || parent != mParent;
+    return parent != mParent || (parent == 1 && !mParentIsProcess1);
 }
 
 bool ParentWatch::waitUntilGone() {

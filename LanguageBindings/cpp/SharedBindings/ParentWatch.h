@@ -10,7 +10,9 @@ namespace VellDevice {
 // Notices that the parent process is gone; a thread waits in it and looks every 5 seconds.
 //
 // An orphan is handed to process 1, or to whichever process adopts orphans in its place, so a parent that
-// changed counts as gone too. The wait never ends before arm(), which the plug-in calls when it is complete.
+// changed counts as gone too. Process 1 itself is a living parent only when the service says that it is
+// process 1 ($VELL_SERVICE_PID), as the entry program of a container is. The wait never ends before arm(),
+// which the plug-in calls when it is complete.
 class ParentWatch {
 public:
     ParentWatch();
@@ -26,7 +28,8 @@ private:
     bool parentIsGone() const;
 
     const pid_t mParent;
-    std::mutex mLock; // guards mArmed and mRetired
+    const bool mParentIsProcess1; // from the start, and rightly so
+    std::mutex mLock;             // guards mArmed and mRetired
     std::condition_variable mChanged;
     bool mArmed = false;
     bool mRetired = false;
