@@ -213,6 +213,28 @@ TEST_F(Plugin, AttachesItsOwnHardwareOnce) {
     EXPECT_EQ(plugin->asked, "connect ");
 }
 
+// Another device of the same path came while the first one was connected.
+TEST_F(Plugin, RemovalOfAnIgnoredDeviceEndsNothing) {
+    attach();
+    VellHardwareDeviceRef second = nullptr; // the same file, as another manager sees it
+    const VellHardwareManagerRef manager = VellHardwareManagerCreate();
+    VellHardwareManagerRegisterMatchCallback(
+        manager,
+        [](VellHardwareManagerRef, VellHardwareDeviceRef device, const void* context) {
+            *static_cast<VellHardwareDeviceRef*>(const_cast<void*>(context)) =
+                static_cast<VellHardwareDeviceRef>(VellRetain(device));
+        },
+        &second);
+    VellHardwareManagerOpen(manager);
+    ASSERT_TRUE(passUntil([&] { return second != nullptr; }));
+    VellRelease(manager);
+    plugin->hardwareWasMatched(second);
+    plugin->hardwareWasRemoved(second);
+    EXPECT_EQ(plugin->asked, "connect ");
+    EXPECT_FALSE(plugin->IsDying());
+    VellRelease(second);
+}
+
 TEST_F(Plugin, TriesASecondTimeAfterFiveSeconds) {
     plugin->connectResults = {kConnectTryAgain, kConnected};
     takeSleptSeconds();

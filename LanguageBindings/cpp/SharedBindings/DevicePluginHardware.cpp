@@ -186,9 +186,11 @@ DevicePluginConnectResult DevicePlugin::tryToConnect(const std::string& family, 
     }
 }
 
-void DevicePlugin::didDetach(const VellHardwareDeviceRef&) {
+void DevicePlugin::didDetach(const VellHardwareDeviceRef& device) {
     VELL_TRACE();
     VellLogInfo("[DevicePlugin::didDetach]\n");
+    if (device != nullptr && mHardwareDevice != nullptr && VellCompareObjects(device, mHardwareDevice) != 0)
+        return; // another one of the same path, which was ignored when it came
     if (!TestAndSetDying())
         return;
     setConnected(false);
