@@ -1,5 +1,5 @@
-// What a scan takes beside the instrument's own time (travel, delay, integration): a row's way from the SDK to
-// the client and the next row's to the SDK.
+// What a scan takes beside the instrument's own time (travel, delay, integration): a row's way from the SDK
+// to the client and the next row's to the SDK.
 
 #include "PluginProcess.h"
 #include "Report.h"

@@ -97,7 +97,8 @@ TEST_F(Performer, ManyWorkersAtOnce) {
         worker.join();
     EXPECT_EQ(notes.performed, kWorkers * kTurns);
     EXPECT_EQ(notes.deleted, kWorkers * kTurns);
-    // Each is woken by its own work: had every turn waited for its next look, they had taken this many seconds.
+    // Each is woken by its own work: had every turn waited for its next look, they had taken this many
+    // seconds.
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(kTurns));
 }
 

@@ -1,8 +1,7 @@
 // The device record and the instrument's options, kept in step.
 
+#include "Numbers.h"
 #include "TaviIO.h"
-
-#include <cstdlib>
 
 using namespace VellDevice;
 
@@ -74,7 +73,7 @@ bool TaviIO::_updateAttributes() {
 
 void TaviIO::getIlluminationMode(std::string& mode) {
     mode = "1";
-    if (taviIsConnected() && std::atoi(option("PhysicalFilter").c_str()) != 1)
+    if (taviIsConnected() && IntFromText(option("PhysicalFilter").c_str()) != 1)
         mode = "0";
 }
 

@@ -111,7 +111,7 @@ void TaviIO::parkHead() {
     const auto attempt = [&](auto call) {
         try {
             call();
-        } catch (const TaviSDK::Exception&) {
+        } catch (...) {
             broken = std::current_exception();
         }
     };

@@ -17,6 +17,8 @@ namespace {
 
 // The measurement that this thread works on; 0 on every thread but the workers.
 thread_local std::uint64_t tMeasurement = 0;
+// Whether this thread has ended it, so that nobody can have taken it away.
+thread_local bool tHasEnded = false;
 
 // What the main thread hands to a worker.
 struct WorkerRecord {
@@ -66,6 +68,7 @@ void TaviIO::endMeasurement() {
     const ThreadLock lock(mMeasuringLock);
     if (tMeasurement == 0 || tMeasurement == mMeasurement)
         mIsMeasuring = false;
+    tHasEnded = tMeasurement != 0;
 }
 
 bool TaviIO::ownsMeasurement() {
@@ -171,14 +174,15 @@ void TaviIO::advancedMeasure(const Command& command) {
         return;
     }
     setIsCancelled(false);
+    // Made first: once the flag is set and the worker counted, nothing may throw before the worker runs.
+    auto record =
+        std::make_unique<WorkerRecord>(WorkerRecord{std::unique_ptr<Command>(command.copy()), this, 0});
     // The flag is set here, not by the worker: the next command may already be waiting.
-    const MeasurementID measurement = beginMeasurement();
-    if (measurement == 0) {
+    record->measurement = beginMeasurement();
+    if (record->measurement == 0) {
         refuse(command, kMeasuring);
         return;
     }
-    auto record = std::make_unique<WorkerRecord>(
-        WorkerRecord{std::unique_ptr<Command>(command.copy()), this, measurement});
     pthread_t worker{};
     const int error = pthread_create(&worker, nullptr, _advancedMeasureThreaded, record.get());
     if (error != 0) {
@@ -215,6 +219,12 @@ void* TaviIO::_advancedMeasureThreaded(void* record) {
 void TaviIO::measureOnWorker(const Command& command) {
     MutableResponse response(command);
     bool answersHere = requestOf(command).rowToScan >= 0;
+    const auto breakOff = [&](const char* what) {
+        VellLogError("[TaviIO::_advancedMeasureThreaded] - exception: %s\n", what);
+        response = MutableResponse(command); // without what was read of the row
+        recoverFromException(response);
+        answersHere = true;
+    };
     {
         const PollingPause pause(*this);
         try {
@@ -223,10 +233,9 @@ void TaviIO::measureOnWorker(const Command& command) {
             else
                 _measureScanThreaded(command);
         } catch (const std::exception& exception) {
-            VellLogError("[TaviIO::_advancedMeasureThreaded] - exception: %s\n", exception.what());
-            response = MutableResponse(command); // without what was read of the row
-            recoverFromException(response);
-            answersHere = true;
+            breakOff(exception.what());
+        } catch (...) {
+            breakOff("of no known kind");
         }
         endMeasurement();
     }
@@ -253,8 +262,10 @@ void TaviIO::trying(const std::function<void()>& call) {
     try {
         const SDKLock lock(*this);
         call();
-    } catch (const TaviSDK::Exception& exception) {
+    } catch (const std::exception& exception) {
         VellLogError("[TaviIO] - TaviSDK exception ignored: %s\n", exception.what());
+    } catch (...) {
+        VellLogError("[TaviIO] - TaviSDK exception ignored: %s\n", "of no known kind");
     }
 }
 
@@ -266,6 +277,8 @@ void TaviIO::cancel(MutableResponse& response) {
 }
 
 bool TaviIO::_checkForCancelledMeasureAdavnced(const Command&, MutableResponse& response) {
+    if (tHasEnded) // and answered
+        return false;
     const bool leftBehind = !ownsMeasurement();
     if (!leftBehind && (!isMeasuring() || !isCancelled()))
         return false;

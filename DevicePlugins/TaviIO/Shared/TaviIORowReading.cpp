@@ -3,6 +3,7 @@
 #include "Numbers.h"
 #include "TaviIO.h"
 
+#include <cstdint>
 #include <deque>
 
 using namespace VellDevice;
@@ -20,7 +21,7 @@ constexpr float kSmallPitch = 10.0F;
 
 int middleSpeed(int least, int greatest, bool singleRow) {
     if (singleRow)
-        return static_cast<int>((static_cast<long>(least) + greatest) / 2);
+        return static_cast<int>((std::int64_t{least} + greatest) / 2);
     return SaturatedInt(least + (static_cast<double>(greatest) - least) * 0.5);
 }
 

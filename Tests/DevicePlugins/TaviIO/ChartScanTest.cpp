@@ -208,23 +208,27 @@ TEST_F(ChartScan, RetryOnTheCancelAnswerIsLeftAlone) {
     expectChart(answersTo(second), chart);
 }
 
+// Whatever the instrument throws.
 TEST_F(ChartScan, ExceptionEndsTheScanAndLeavesADeviceThatWorks) {
     const ChartOnTable chart{.rows = 3, .columns = 4};
     place(chart);
-    int scanned = 0;
-    calls.interfere([&](int, const TaviSDK::Call& call) -> std::optional<int> {
-        if (call.name == "Tavi_Scan" && ++scanned == 2)
-            throw TaviSDK::Exception("cable");
-        return std::nullopt;
-    });
-    const std::vector<Post> answers = measure(chart);
-    ASSERT_EQ(answers.size(), 2U);
-    expectRow(answers[0], chart, 0);
-    EXPECT_EQ(answers[1].code, 14);
-    EXPECT_EQ(answers[1].message, Tavi_GetOption("LastError"));
-    const auto made = calls.take();
-    EXPECT_EQ(std::count(made.begin(), made.end(), "Tavi_GoToHomePosition"), 1);
-    expectCleanScan();
+    for (const bool isKnown : {true, false}) {
+        int scanned = 0;
+        calls.take();
+        calls.interfere([&](int, const TaviSDK::Call& call) -> std::optional<int> {
+            if (call.name == "Tavi_Scan" && ++scanned == 2)
+                isKnown ? throw TaviSDK::Exception("cable") : throw 4;
+            return std::nullopt;
+        });
+        const std::vector<Post> answers = measure(chart);
+        ASSERT_EQ(answers.size(), 2U);
+        expectRow(answers[0], chart, 0);
+        EXPECT_EQ(answers[1].code, 14);
+        EXPECT_EQ(answers[1].message, Tavi_GetOption("LastError"));
+        const auto made = calls.take();
+        EXPECT_EQ(std::count(made.begin(), made.end(), "Tavi_GoToHomePosition"), 1);
+        expectCleanScan();
+    }
 }
 
 } // namespace

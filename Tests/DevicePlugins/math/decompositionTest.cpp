@@ -219,6 +219,10 @@ TEST(PythagTest, AvoidsOverflowAndUnderflow) {
     EXPECT_DOUBLE_EQ(engine.pythag(-3e-200, 4e-200), 5e-200);
     EXPECT_EQ(engine.pythag(0, 0), 0);
     EXPECT_EQ(engine.pythag(0, -2), 2);
+    for (const double other : {0.0, 1.0}) {
+        EXPECT_TRUE(std::isnan(engine.pythag(other, std::nan(""))));
+        EXPECT_TRUE(std::isnan(engine.pythag(std::nan(""), other)));
+    }
 }
 
 // --- Pseudo-inverse

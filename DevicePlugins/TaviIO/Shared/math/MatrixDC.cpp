@@ -286,8 +286,8 @@ void cMatrixDC::eachElement(Operation operation) {
 }
 
 template <class Operation>
-void cMatrixDC::eachElement(const cMatrixDC& inmatrix1, Operation operation) {
-    mathAssert(sameSize(inmatrix1), "sameSize(inmatrix1)");
+void cMatrixDC::eachElement(const cMatrixDC& inmatrix1, Operation operation, const CallSite& site) {
+    mathAssert(sameSize(inmatrix1), "sameSize(inmatrix1)", site);
     std::transform(data(), data() + numberOfElements(), inmatrix1.data(), data(), operation);
 }
 
@@ -326,8 +326,8 @@ cMatrixDC cMatrixDC::addValue(double value) const {
 }
 
 template <class Operation>
-void cMatrixDC::eachOfRows(const cMatrixDC& v, Operation operation) {
-    assertElements(v, mItemSize);
+void cMatrixDC::eachOfRows(const cMatrixDC& v, Operation operation, const CallSite& site) {
+    assertElements(v, mItemSize, site);
     const std::vector<double> values(v.data(), v.data() + mItemSize); // v may be this matrix
     for (long r = 0; r < mNumItems; ++r)
         std::transform(itemAt(r), itemAt(r + 1), values.begin(), itemAt(r), operation);
@@ -711,8 +711,8 @@ double cMatrixDC::Min() const {
 }
 
 template <class Better>
-cMatrixDC cMatrixDC::extremeOfRows(Better better, cDataCollectionInt* where) const {
-    mathAssert(mNumItems == 0 || mItemSize > 0, kHasElements);
+cMatrixDC cMatrixDC::extremeOfRows(Better better, cDataCollectionInt* where, const CallSite& site) const {
+    mathAssert(mNumItems == 0 || mItemSize > 0, "(mNumItems == 0) || (mItemSize > 0)", site);
     cMatrixDC extremes(mNumItems, 1);
     if (where != nullptr)
         where->resize(mNumItems, 1);
@@ -730,8 +730,8 @@ cMatrixDC cMatrixDC::extremeOfRows(Better better, cDataCollectionInt* where) con
 }
 
 template <class Better>
-cMatrixDC cMatrixDC::extremeOfColumns(Better better, cDataCollectionInt* where) const {
-    mathAssert(mNumItems > 0 || mItemSize == 0, kHasElements);
+cMatrixDC cMatrixDC::extremeOfColumns(Better better, cDataCollectionInt* where, const CallSite& site) const {
+    mathAssert(mNumItems > 0 || mItemSize == 0, "(mNumItems > 0) || (mItemSize == 0)", site);
     cMatrixDC extremes(1, mItemSize);
     std::copy_n(data(), mItemSize, extremes.data());
     std::vector<long> positions(static_cast<std::size_t>(mItemSize));
@@ -873,7 +873,7 @@ cMatrixDC cMatrixDC::getPolyFitParams(const cMatrixDC& x, int order, bool throug
     const long points = numberOfElements();
     const long lowest = throughOrigin ? 1 : 0;
     mathAssert(x.numberOfElements() == points, "x.numberOfElements() == numberOfElements()");
-    mathAssert(order >= lowest, "order >= 0");
+    mathAssert(order >= lowest, "order >= lowest");
     cMatrixDC powers(points, order + 1 - lowest);
     for (long i = 0; i < points; ++i) {
         double power = throughOrigin ? x.data()[i] : 1;

@@ -240,16 +240,19 @@ public:
 private:
     friend class cMathEngine;
 
+    // `site` is the operation's, which a failed assertion names.
     template <class Operation>
     void eachElement(Operation operation);
     template <class Operation>
-    void eachElement(const cMatrixDC& other, Operation operation);
+    void eachElement(const cMatrixDC& other, Operation operation, const CallSite& site = CallSite::here());
     template <class Operation>
-    void eachOfRows(const cMatrixDC& v, Operation operation);
+    void eachOfRows(const cMatrixDC& v, Operation operation, const CallSite& site = CallSite::here());
     template <class Better>
-    cMatrixDC extremeOfRows(Better better, cDataCollectionInt* where) const;
+    cMatrixDC extremeOfRows(Better better, cDataCollectionInt* where,
+                            const CallSite& site = CallSite::here()) const;
     template <class Better>
-    cMatrixDC extremeOfColumns(Better better, cDataCollectionInt* where) const;
+    cMatrixDC extremeOfColumns(Better better, cDataCollectionInt* where,
+                               const CallSite& site = CallSite::here()) const;
     // The inverse, from the LU factors that A holds.
     cMatrixDC inverseOfFactors() const;
 

@@ -13,9 +13,10 @@ namespace {
 
 // out(i) = operation(i) for every element position of A.
 template <class Operation>
-int intoElements(const cMatrixDC& A, cMatrixDC& out, Operation operation) {
+int intoElements(const cMatrixDC& A, cMatrixDC& out, Operation operation,
+                 const CallSite& site = CallSite::here()) {
     const long count = A.numberOfElements();
-    mathAssert(out.numberOfElements() >= count, "out.numberOfElements() >= A.numberOfElements()");
+    mathAssert(out.numberOfElements() >= count, "out.numberOfElements() >= A.numberOfElements()", site);
     for (long i = 0; i < count; ++i)
         out.data()[i] = operation(i);
     return 1;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdint>
+#include <limits>
 #include <memory>
 #include <type_traits>
 #include <vector>
@@ -208,7 +210,7 @@ constexpr long kBlockDepth = 128;
 constexpr long kBlockColumns = 768;
 
 // Products smaller than this are not worth the copying.
-constexpr long kSmallProduct = 16L * 16 * 16;
+constexpr std::int64_t kSmallProduct = std::int64_t{16} * 16 * 16;
 
 struct Block {
     const double* data;
@@ -278,7 +280,7 @@ const KernelSet& kernels() {
 void multiply(const double* a, const double* b, double* c, long rows, long depth, long columns,
               const KernelSet& set) {
     std::fill_n(c, rows * columns, 0.0);
-    if (rows < 4 || rows * depth * columns < kSmallProduct) {
+    if (rows < 4 || std::int64_t{rows} * depth * columns < kSmallProduct) {
         for (long r = 0; r < rows; ++r)
             addCombination(c + r * columns, columns, a + r * depth, b, columns, depth);
         return;
@@ -301,6 +303,8 @@ void multiply(const double* a, const double* b, double* c, long rows, long depth
 }
 
 double hypotenuse(double a, double b) {
+    if (std::isnan(a) || std::isnan(b))
+        return std::numeric_limits<double>::quiet_NaN();
     const double larger = std::max(std::fabs(a), std::fabs(b));
     if (larger == 0)
         return 0;
