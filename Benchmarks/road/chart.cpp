@@ -48,12 +48,17 @@ void measureChart(Report& report) {
 
     double best = 0;
     double growth = 0;
+    double pluginTime = 1e9; // seconds of processor a patch
+    double clientTime = 1e9;
+    constexpr int patches = kGrid.rows * kGrid.columns;
     for (int run = 0; run < 3; ++run) {
         const std::string ticket = "chart-" + std::to_string(run);
         std::size_t colors = 0;
         std::size_t settled = 0;
         const auto resident = [&] { return plugin.residentBytes() + residentBytesOf(getpid()); };
         const auto begin = std::chrono::steady_clock::now();
+        const double pluginBefore = plugin.processorSeconds();
+        const double clientBefore = processorSecondsOf(getpid());
         client.send(commandFrame("Measure", ticket, kGrid.measureArguments()));
         for (int row = 0; row < kGrid.rows; ++row) {
             colors += colorsOf(client.receiveResponse(ticket));
@@ -62,13 +67,17 @@ void measureChart(Report& report) {
         }
         const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
         growth = std::max(growth, static_cast<double>(resident()) - static_cast<double>(settled));
-        if (colors != static_cast<std::size_t>(kGrid.rows * kGrid.columns) * 2)
+        if (colors != static_cast<std::size_t>(patches) * 2)
             throw std::runtime_error("patches are missing");
-        best = std::max(best, kGrid.rows * kGrid.columns / time.count());
+        best = std::max(best, patches / time.count());
+        pluginTime = std::min(pluginTime, (plugin.processorSeconds() - pluginBefore) / patches);
+        clientTime = std::min(clientTime, (processorSecondsOf(getpid()) - clientBefore) / patches);
         while (decoded(client.ask("GoHome"))->code != 0) { // for a moment it still counts as measuring
         }
     }
     report.add("chart of 200 x 100: patches to the client", best, "/s", 20000, true);
+    report.add("  processor a patch, plug-in", 1e6 * pluginTime, "us");
+    report.add("  processor a patch, client", 1e6 * clientTime, "us");
     report.add("  resident growth, plug-in and client", growth / kMebibyte, "MiB", 8);
 }
 

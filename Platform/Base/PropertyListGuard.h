@@ -5,6 +5,8 @@
 
 namespace Base {
 
+class BinaryPropertyList;
+
 // Looks at the shape of a property list before the library gets it. The library follows references and
 // nesting by recursion and copies a shared object once for each reference to it, so bytes that anybody may
 // have written could exhaust the stack or the memory. Any thread.
@@ -17,6 +19,7 @@ public:
 
     static bool isBinary(std::string_view bytes);
     static bool isSafeBinary(std::string_view bytes);
+    static bool isSafe(const BinaryPropertyList& list);
     static bool isSafeXml(std::string_view bytes);
 };
 

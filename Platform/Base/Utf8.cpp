@@ -1,7 +1,7 @@
 #include <Base/Utf8.h>
 
-#include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 namespace Base {
 namespace {
@@ -36,10 +36,20 @@ std::size_t sequenceLength(std::string_view text, std::size_t position) {
 
 } // namespace
 
+bool isAscii(std::string_view text) {
+    std::uint64_t seen = 0;
+    for (; text.size() >= sizeof seen; text.remove_prefix(sizeof seen)) {
+        std::uint64_t eight = 0;
+        std::memcpy(&eight, text.data(), sizeof eight);
+        seen |= eight;
+    }
+    for (const char character : text)
+        seen |= static_cast<unsigned char>(character);
+    return (seen & 0x8080808080808080) == 0;
+}
+
 std::string validUtf8(std::string text) {
-    const bool plain =
-        std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-    if (plain)
+    if (isAscii(text))
         return text;
     std::string valid;
     valid.reserve(text.size());

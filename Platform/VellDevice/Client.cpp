@@ -157,12 +157,11 @@ bool Client::receive(LinkIdentifier link, std::string_view payload) {
         deliverResponse(link, message);
         return true;
     case MessageType::close:
-        closeRecord(link, Base::stringIn(message.root(), "DevicePath").value_or(""));
+        closeRecord(link, message.textIn("DevicePath"));
         return true;
     case MessageType::message:
-        VellLogInfo("[Client] - message: %s %s\n",
-                    Base::stringIn(message.root(), "First").value_or("").c_str(),
-                    Base::stringIn(message.root(), "Second").value_or("").c_str());
+        VellLogInfo("[Client] - message: %s %s\n", message.textIn("First").c_str(),
+                    message.textIn("Second").c_str());
         return true;
     case MessageType::unknown: // of a later version, perhaps
         return true;
@@ -215,7 +214,7 @@ void Client::deliverResponse(LinkIdentifier link, const Message& message) {
     std::vector<ResponseObserver> observers;
     {
         const std::lock_guard lock(mMutex);
-        command = mPending.find(link, Base::stringIn(message.root(), "Ticket").value_or(""));
+        command = mPending.find(link, message.textIn("Ticket"));
         observers = mResponseObservers;
     }
     if (observers.empty())

@@ -33,6 +33,22 @@ std::vector<Ref<T>> duplicateList(const std::vector<Ref<T>>& list) {
     return copy;
 }
 
+std::string describeTexts(const TextList& texts) {
+    std::string text = "(";
+    for (std::size_t i = 0; i < texts.size(); ++i)
+        text.append(i > 0 ? ", " : "").append(texts[i]);
+    return text + ")";
+}
+
+int compareTexts(const TextList& left, const TextList& right) {
+    for (std::size_t i = 0; i < std::min(left.size(), right.size()); ++i) {
+        const int result = left[i].compare(right[i]);
+        if (result != 0)
+            return result < 0 ? -1 : 1;
+    }
+    return (left.size() > right.size()) - (left.size() < right.size());
+}
+
 // Null beyond the end.
 template <typename T>
 T* elementAt(const std::vector<Ref<T>>& list, unsigned index) {
@@ -40,6 +56,22 @@ T* elementAt(const std::vector<Ref<T>>& list, unsigned index) {
 }
 
 } // namespace
+
+// --- Lists of texts
+
+void TextList::reserve(std::size_t count, std::size_t bytes) {
+    mEnds.reserve(count);
+    mBytes.reserve(bytes);
+}
+
+void TextList::add(std::string_view text) {
+    addWith([&](std::string& bytes) { bytes += text; });
+}
+
+void TextList::clear() {
+    mBytes.clear();
+    mEnds.clear();
+}
 
 // --- Colours
 
@@ -60,7 +92,7 @@ void __VellMeasurementColor::setAttribute(__VellString* key, __VellString* value
 }
 
 std::string __VellMeasurementColor::description() const {
-    return textOf(colorSpace.get()) + " " + describeList(values);
+    return textOf(colorSpace.get()) + " " + describeTexts(values);
 }
 
 int __VellMeasurementColor::compareTo(const Object& other) const {
@@ -68,7 +100,7 @@ int __VellMeasurementColor::compareTo(const Object& other) const {
     const int spaces = compareObjects(colorSpace.get(), color.colorSpace.get());
     if (spaces != 0)
         return spaces;
-    const int lists = compareLists(values, color.values);
+    const int lists = compareTexts(values, color.values);
     if (lists != 0)
         return lists;
     for (std::size_t i = 0; i < std::min(attributes.size(), color.attributes.size()); ++i) {
@@ -85,7 +117,7 @@ int __VellMeasurementColor::compareTo(const Object& other) const {
 Object* __VellMeasurementColor::duplicate() {
     auto* copy = new __VellMeasurementColor;
     copy->colorSpace = colorSpace;
-    copy->values = values; // strings do not change
+    copy->values = values;
     copy->attributes = attributes;
     return copy;
 }
@@ -124,11 +156,14 @@ VellStringRef VellMeasurementColorGetAttributeNameAtIndex(VellMeasurementColorRe
 void VellMeasurementColorSetValues(VellMeasurementColorRef color, VellArrayRef values) {
     if (!color || !values)
         return;
+    std::size_t bytes = 0;
+    for (const auto& value : values->values)
+        bytes += textOf(as<__VellString>(value.get())).size();
     color->values.clear();
-    color->values.reserve(values->values.size());
+    color->values.reserve(values->values.size(), bytes);
     for (const auto& value : values->values) {
-        if (auto* string = as<__VellString>(value.get()))
-            color->values.emplace_back(string);
+        if (const auto* string = as<__VellString>(value.get()))
+            color->values.add(string->text);
     }
 }
 
@@ -137,8 +172,8 @@ VellArrayRef VellMeasurementColorCopyValues(VellMeasurementColorRef color) {
         return nullptr;
     auto* array = new __VellArray;
     array->values.reserve(color->values.size());
-    for (const auto& value : color->values)
-        array->values.emplace_back(value.get());
+    for (std::size_t i = 0; i < color->values.size(); ++i)
+        array->values.push_back(Ref<Object>::adopt(new __VellString(std::string(color->values[i]))));
     return array;
 }
 

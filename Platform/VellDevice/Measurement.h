@@ -3,6 +3,37 @@
 
 #include "Values.h"
 
+#include <string_view>
+
+namespace VellService {
+
+// Texts one behind the other in one piece of memory: a colour has dozens of short values, a row of a chart
+// thousands.
+class TextList {
+public:
+    void reserve(std::size_t count, std::size_t bytes);
+    void add(std::string_view text);
+    // Adds what `append(std::string&)` appends.
+    template <typename Append>
+    void addWith(Append append) {
+        append(mBytes);
+        mEnds.push_back(static_cast<std::uint32_t>(mBytes.size()));
+    }
+    void clear();
+
+    std::size_t size() const { return mEnds.size(); }
+    std::string_view operator[](std::size_t index) const {
+        const std::size_t begin = index == 0 ? 0 : mEnds[index - 1];
+        return std::string_view(mBytes).substr(begin, mEnds[index] - begin);
+    }
+
+private:
+    std::string mBytes;
+    std::vector<std::uint32_t> mEnds;
+};
+
+} // namespace VellService
+
 struct __VellMeasurementColor final : VellService::Object {
     static constexpr const char* kTypeName = "VellMeasurementColorRef";
     struct Attribute {
@@ -20,7 +51,7 @@ struct __VellMeasurementColor final : VellService::Object {
     Object* duplicate() override;
 
     VellService::Ref<__VellString> colorSpace;
-    std::vector<VellService::Ref<__VellString>> values;
+    VellService::TextList values;
     std::vector<Attribute> attributes;
 };
 

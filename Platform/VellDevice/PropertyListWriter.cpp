@@ -19,6 +19,24 @@ void putNumber(std::string& bytes, std::uint64_t value, unsigned size) {
     bytes.append(text, size);
 }
 
+// Numbers of one size, straight into their place: a row of a chart has tens of thousands of references.
+class NumberRow {
+public:
+    NumberRow(std::string& bytes, std::size_t count, unsigned size) : mSize(size) {
+        const std::size_t begin = bytes.size();
+        bytes.resize(begin + count * size);
+        mNext = bytes.data() + begin;
+    }
+    void put(std::uint64_t value) {
+        for (unsigned shift = 8 * mSize; shift > 0;)
+            *mNext++ = static_cast<char>(value >> (shift -= 8));
+    }
+
+private:
+    const unsigned mSize;
+    char* mNext;
+};
+
 // The bytes that a count or reference up to `value` takes.
 unsigned sizeFor(std::uint64_t value) {
     return value <= 0xff ? 1 : value <= 0xffff ? 2 : value <= 0xffffffff ? 4 : 8;
@@ -29,10 +47,6 @@ void putInteger(std::string& bytes, std::int64_t value) {
     const unsigned size = value < 0 ? 8 : sizeFor(static_cast<std::uint64_t>(value));
     bytes += static_cast<char>(size == 1 ? 0x10 : size == 2 ? 0x11 : size == 4 ? 0x12 : 0x13);
     putNumber(bytes, static_cast<std::uint64_t>(value), size);
-}
-
-bool isAscii(std::string_view text) {
-    return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
 // The UTF-16 units of valid UTF-8.
@@ -79,7 +93,7 @@ PropertyListWriter::Value PropertyListWriter::addLeaf(std::size_t begin) {
 }
 
 PropertyListWriter::Value PropertyListWriter::text(std::string_view utf8) {
-    if (isAscii(utf8))
+    if (Base::isAscii(utf8))
         return plainText(utf8);
     const std::size_t begin = mLeaves.size();
     const auto units = utf16(Base::validUtf8(std::string(utf8)));
@@ -184,13 +198,15 @@ std::string PropertyListWriter::finish(Value root) {
             continue;
         }
         putMarker(bytes, object.container, object.container == '\xd0' ? object.size / 2 : object.size);
+        NumberRow row(bytes, object.size, referenceSize);
         for (std::size_t i = 0; i < object.size; ++i)
-            putNumber(bytes, mReferences[object.begin + i], referenceSize);
+            row.put(mReferences[object.begin + i]);
     }
     const std::size_t table = bytes.size();
     const unsigned offsetSize = sizeFor(table);
+    NumberRow row(bytes, offsets.size(), offsetSize);
     for (const std::size_t offset : offsets)
-        putNumber(bytes, offset, offsetSize);
+        row.put(offset);
     bytes.append(kTrailerPadding, '\0');
     bytes += static_cast<char>(offsetSize);
     bytes += static_cast<char>(referenceSize);

@@ -1,25 +1,14 @@
 #include "Wire.h"
 
-#include "Coder.h"
 #include "PropertyListWriter.h"
 
-#include <Base/Utf8.h>
+#include <Base/PropertyListGuard.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <limits>
 
 namespace VellService {
 namespace {
-
-using Base::arrayIn;
-using Base::dataIn;
-using Base::dictionaryIn;
-using Base::forEachElement;
-using Base::forEachEntry;
-using Base::integerIn;
-using Base::stringIn;
-using Base::stringOf;
 
 // More entries than any message of ours has: a sender who goes beyond is not worth the time.
 constexpr std::uint32_t kMaximumEntries = 4096;
@@ -40,7 +29,9 @@ Frame frameOf(const std::string& payload, const char* what) {
 // A dictionary of a message that is being written, and the writer it goes into.
 class DictionaryBuilder {
 public:
-    explicit DictionaryBuilder(PropertyListWriter& writer) : mWriter(writer) {}
+    explicit DictionaryBuilder(PropertyListWriter& writer) : mWriter(writer) {
+        mEntries.reserve(kUsualEntries);
+    }
 
     void add(const char* key, PropertyListWriter::Value value) {
         mEntries.emplace_back(mWriter.text(key), value);
@@ -50,6 +41,8 @@ public:
     PropertyListWriter::Value finish() { return mWriter.dictionary(mEntries); }
 
 private:
+    static constexpr std::size_t kUsualEntries = 16;
+
     PropertyListWriter& mWriter;
     std::vector<PropertyListWriter::Entry> mEntries;
 };
@@ -68,7 +61,7 @@ public:
     DictionaryBuilder root;
 };
 
-// Dictionaries of strings and lists of strings, the common shapes of all messages.
+// Dictionaries of strings and lists of texts, the common shapes of all messages.
 template <typename Entries>
 PropertyListWriter::Value writeEntries(PropertyListWriter& writer, const Entries& entries) {
     std::vector<PropertyListWriter::Entry> written;
@@ -78,19 +71,18 @@ PropertyListWriter::Value writeEntries(PropertyListWriter& writer, const Entries
     return writer.dictionary(written);
 }
 
-template <typename Strings>
-PropertyListWriter::Value writeStrings(PropertyListWriter& writer, const Strings& strings) {
+PropertyListWriter::Value writeTexts(PropertyListWriter& writer, const TextList& texts) {
     std::vector<PropertyListWriter::Value> written;
-    written.reserve(strings.size());
-    for (const auto& string : strings)
-        written.push_back(writer.text(string->text));
+    written.reserve(texts.size());
+    for (std::size_t i = 0; i < texts.size(); ++i)
+        written.push_back(writer.text(texts[i]));
     return writer.array(written);
 }
 
 PropertyListWriter::Value writeColor(PropertyListWriter& writer, const __VellMeasurementColor& color) {
     DictionaryBuilder dictionary(writer);
     dictionary.addText("ColorSpace", color.colorSpace.get());
-    dictionary.add("Values", writeStrings(writer, color.values));
+    dictionary.add("Values", writeTexts(writer, color.values));
     dictionary.add("Attributes", writeEntries(writer, color.attributes));
     return dictionary.finish();
 }
@@ -100,6 +92,7 @@ PropertyListWriter::Value writeSet(PropertyListWriter& writer, const __VellMeasu
     measurements.reserve(set.measurements.size());
     for (const auto& measurement : set.measurements) {
         std::vector<PropertyListWriter::Value> colors;
+        colors.reserve(measurement->colors.size());
         for (const auto& color : measurement->colors)
             colors.push_back(writeColor(writer, *color));
         DictionaryBuilder dictionary(writer);
@@ -119,52 +112,61 @@ PropertyListWriter::Value writeModes(PropertyListWriter& writer, const __VellArr
     return writer.array(written);
 }
 
-bool isDictionary(plist_t node) {
-    return node && plist_get_node_type(node) == PLIST_DICT;
-}
+using Node = Message::Node;
 
-bool isTooLarge(plist_t dictionary) {
-    return dictionary && plist_dict_get_size(dictionary) > kMaximumEntries;
+bool isTooLarge(const Node& dictionary) {
+    return dictionary.count() > kMaximumEntries;
 }
 
 // Calls `function(key, value)` with the entries that are strings.
 template <typename Function>
-void forEachString(plist_t dictionary, Function function) {
-    if (!dictionary || isTooLarge(dictionary))
+void forEachString(const Message& message, const Node& dictionary, Function function) {
+    if (!dictionary.isDictionary() || isTooLarge(dictionary))
         return;
-    forEachEntry(dictionary, [&](const char* key, plist_t value) {
-        if (auto text = stringOf(value))
-            function(makeString(Base::validUtf8(key)), makeString(std::move(*text)));
-    });
+    for (std::uint64_t i = 0; i < dictionary.count(); ++i) {
+        if (const Ref<__VellString> value = message.string(dictionary.value(i)))
+            function(message.string(dictionary.key(i)), value);
+    }
 }
 
-Ref<__VellMeasurementColor> colorOf(plist_t node) {
+Ref<__VellString> stringIn(const Message& message, const Node& dictionary, std::string_view key) {
+    return message.string(dictionary.in(key));
+}
+
+Ref<__VellMeasurementColor> colorOf(const Message& message, const Node& node) {
+    constexpr std::uint64_t usualLength = 20;
     auto color = Ref<__VellMeasurementColor>::adopt(new __VellMeasurementColor);
-    color->colorSpace = stringObjectIn(node, "ColorSpace");
-    forEachElement(arrayIn(node, "Values"), [&](plist_t value) {
-        if (auto text = stringOf(value))
-            color->values.push_back(makeString(std::move(*text)));
-    });
-    forEachString(dictionaryIn(node, "Attributes"),
+    color->colorSpace = stringIn(message, node, "ColorSpace");
+    if (const Node values = node.in("Values"); values.isArray()) {
+        color->values.reserve(values.count(), values.count() * usualLength);
+        for (std::uint64_t i = 0; i < values.count(); ++i) {
+            if (const Node value = values.element(i); value.isText())
+                color->values.addWith([&](std::string& bytes) { value.appendText(bytes); });
+        }
+    }
+    forEachString(message, node.in("Attributes"),
                   [&](const Ref<__VellString>& key, const Ref<__VellString>& value) {
                       color->setAttribute(key.get(), value.get());
                   });
     return color;
 }
 
-Ref<__VellMeasurementSet> setOf(plist_t array) {
+Ref<__VellMeasurementSet> setOf(const Message& message, const Node& array) {
     auto set = Ref<__VellMeasurementSet>::adopt(new __VellMeasurementSet);
-    forEachElement(array, [&](plist_t entry) {
-        if (!isDictionary(entry))
-            return;
+    set->measurements.reserve(array.count());
+    for (std::uint64_t i = 0; i < array.count(); ++i) {
+        const Node entry = array.element(i);
+        if (!entry.isDictionary())
+            continue;
         auto measurement = Ref<__VellMeasurement>::adopt(new __VellMeasurement);
-        measurement->mode = stringObjectIn(entry, "Mode");
-        forEachElement(arrayIn(entry, "Colors"), [&](plist_t color) {
-            if (isDictionary(color))
-                measurement->colors.push_back(colorOf(color));
-        });
+        measurement->mode = stringIn(message, entry, "Mode");
+        const Node colors = entry.in("Colors");
+        for (std::uint64_t k = 0; colors.isArray() && k < colors.count(); ++k) {
+            if (const Node color = colors.element(k); color.isDictionary())
+                measurement->colors.push_back(colorOf(message, color));
+        }
         set->measurements.push_back(std::move(measurement));
-    });
+    }
     return set;
 }
 
@@ -181,8 +183,13 @@ int saturatedInt(std::int64_t value) {
 }
 
 void setCommandFields(const Message& message, __VellDeviceCommand& command) {
-    command.deviceName = stringObjectIn(message.root(), "Device");
-    command.devicePath = stringObjectIn(message.root(), "DevicePath");
+    command.deviceName = stringIn(message, message.root(), "Device");
+    command.devicePath = stringIn(message, message.root(), "DevicePath");
+}
+
+Ref<__VellData> dataIn(const Message& message) {
+    auto data = message.root().in("Data").data();
+    return data ? Ref<__VellData>::adopt(new __VellData(std::move(*data))) : Ref<__VellData>();
 }
 
 } // namespace
@@ -251,10 +258,11 @@ Frame messageFrame(const __VellString* first, const __VellString* second) {
     return message.frame("message");
 }
 
-Message::Message(std::string_view payload) : mRoot(Base::parseBinaryPropertyList(payload)) {
-    if (!isDictionary(mRoot.get()))
+Message::Message(std::string_view payload) : mList(payload) {
+    if (!Base::PropertyListGuard::isSafe(mList) || !mList.root().isDictionary())
         return;
-    const std::string type = stringIn(mRoot.get(), "Type").value_or("");
+    mRoot = mList.root();
+    const std::string type = textIn("Type");
     struct Name {
         const char* text;
         MessageType type;
@@ -269,70 +277,80 @@ Message::Message(std::string_view payload) : mRoot(Base::parseBinaryPropertyList
     mType = found != std::end(names) ? found->type : MessageType::unknown;
 }
 
+Ref<__VellString> Message::string(const Node& text) const {
+    if (!text.isText())
+        return {};
+    Known& known = mKnown[text.identity() % mKnown.size()];
+    if (!known.string || known.identity != text.identity())
+        known = {text.identity(), makeString(*text.text())};
+    return known.string;
+}
+
 Ref<__VellDeviceCommand> commandOf(const Message& message, const Sender& sender) {
-    const Ref<__VellString> name = stringObjectIn(message.root(), "Name");
-    const plist_t arguments = dictionaryIn(message.root(), "Arguments");
-    if (!name || isTooLarge(arguments))
+    const Ref<__VellString> name = stringIn(message, message.root(), "Name");
+    const Node arguments = message.root().in("Arguments");
+    if (!name || (arguments.isDictionary() && isTooLarge(arguments)))
         return {};
     auto command = Ref<__VellDeviceCommand>::adopt(new __VellDeviceCommand(name.get()));
     setCommandFields(message, *command);
-    forEachString(arguments, [&](const Ref<__VellString>& key, const Ref<__VellString>& value) {
+    forEachString(message, arguments, [&](const Ref<__VellString>& key, const Ref<__VellString>& value) {
         command->setArgument(key.get(), value.get());
     });
     const auto* source = command->argument("source");
     if (!sender.isThisProcess && source && source->value->text == "hardware")
         command->setArgument(source->key.get(), nullptr);
-    if (auto data = dataIn(message.root(), "Data"))
-        command->data = Ref<__VellData>::adopt(new __VellData(std::move(*data)));
-    Ref<__VellString> ticket = stringObjectIn(message.root(), "Ticket");
-    command->receipt = receiptWith(ticket ? std::move(ticket) : makeString(""), sender.processIdentifier);
+    command->data = dataIn(message);
+    const Ref<__VellString> ticket = stringIn(message, message.root(), "Ticket");
+    command->receipt = receiptWith(ticket ? ticket : makeString(""), sender.processIdentifier);
     command->connection = sender.connection;
     return command;
 }
 
 Ref<__VellDeviceCommand> answeredCommandOf(const Message& message) {
-    const Ref<__VellString> name = stringObjectIn(message.root(), "Name");
+    const Ref<__VellString> name = stringIn(message, message.root(), "Name");
     auto command = Ref<__VellDeviceCommand>::adopt(new __VellDeviceCommand(name.get()));
     setCommandFields(message, *command);
     command->receipt = Ref<__VellReceipt>::adopt(new __VellReceipt);
-    command->receipt->ticket = stringObjectIn(message.root(), "Ticket");
+    command->receipt->ticket = stringIn(message, message.root(), "Ticket");
     return command;
 }
 
 Ref<__VellDeviceCommandResponse> responseOf(const Message& message, Ref<__VellDeviceCommand> command) {
     auto response =
         Ref<__VellDeviceCommandResponse>::adopt(new __VellDeviceCommandResponse(std::move(command)));
-    response->code = saturatedInt(integerIn(message.root(), "Code").value_or(0));
-    response->message = stringObjectIn(message.root(), "Message");
-    if (auto data = dataIn(message.root(), "Data"))
-        response->data = Ref<__VellData>::adopt(new __VellData(std::move(*data)));
-    if (const plist_t set = arrayIn(message.root(), "MeasurementSet"))
-        response->measurementSet = setOf(set);
+    response->code = saturatedInt(message.root().in("Code").integer().value_or(0));
+    response->message = stringIn(message, message.root(), "Message");
+    response->data = dataIn(message);
+    if (const Node set = message.root().in("MeasurementSet"); set.isArray())
+        response->measurementSet = setOf(message, set);
     return response;
 }
 
 std::optional<RecordFields> recordOf(const Message& message) {
-    const plist_t record = dictionaryIn(message.root(), "Record");
-    if (!record)
+    const Node record = message.root().in("Record");
+    if (!record.isDictionary())
         return std::nullopt;
-    const auto flag = [&](const char* key) { return integerIn(record, key).value_or(0) != 0; };
+    const auto string = [&](std::string_view key) { return stringIn(message, record, key); };
+    const auto flag = [&](std::string_view key) { return record.in(key).integer().value_or(0) != 0; };
     RecordFields fields;
-    fields.name = stringObjectIn(record, "Name");
-    fields.displayName = stringObjectIn(record, "DisplayName");
-    fields.path = stringObjectIn(record, "Path");
-    fields.serialNumber = stringObjectIn(record, "SerialNumber");
-    fields.serviceVersion = stringObjectIn(record, "ServiceVersion");
-    fields.mode = stringObjectIn(record, "Mode");
-    fields.lockHolder = stringObjectIn(record, "LockHolder");
+    fields.name = string("Name");
+    fields.displayName = string("DisplayName");
+    fields.path = string("Path");
+    fields.serialNumber = string("SerialNumber");
+    fields.serviceVersion = string("ServiceVersion");
+    fields.mode = string("Mode");
+    fields.lockHolder = string("LockHolder");
     fields.modes = Ref<__VellArray>::adopt(new __VellArray);
-    forEachElement(arrayIn(record, "Modes"), [&](plist_t mode) {
-        if (auto text = stringOf(mode))
-            fields.modes->values.push_back(Ref<Object>::adopt(new __VellString(std::move(*text))));
-    });
-    forEachString(dictionaryIn(record, "Attributes"), [&](Ref<__VellString> key, Ref<__VellString> value) {
-        fields.attributes.push_back({std::move(key), std::move(value)});
-    });
-    fields.calibrationStatus = saturatedInt(integerIn(record, "CalibrationStatus").value_or(0));
+    const Node modes = record.in("Modes");
+    for (std::uint64_t i = 0; modes.isArray() && i < modes.count(); ++i) {
+        if (const Ref<__VellString> mode = message.string(modes.element(i)))
+            fields.modes->values.emplace_back(mode.get());
+    }
+    forEachString(message, record.in("Attributes"),
+                  [&](const Ref<__VellString>& key, const Ref<__VellString>& value) {
+                      fields.attributes.push_back({key, value});
+                  });
+    fields.calibrationStatus = saturatedInt(record.in("CalibrationStatus").integer().value_or(0));
     fields.enabled = flag("Enabled");
     fields.available = flag("Available");
     fields.connected = flag("Connected");

@@ -5,8 +5,9 @@
 #include "Command.h"
 #include "DeviceRecord.h"
 
-#include <Base/PropertyList.h>
+#include <Base/BinaryPropertyList.h>
 
+#include <array>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -28,17 +29,31 @@ Frame messageFrame(const __VellString* first, const __VellString* second);
 
 enum class MessageType { malformed, unknown, command, response, status, close, message };
 
-// A received message, still as the sender wrote it.
+// A received message, still as the sender wrote it: a view of the payload, which must outlive it. One thread.
 class Message {
 public:
+    using Node = Base::BinaryPropertyList::Node;
+
     explicit Message(std::string_view payload);
+    Message(const Message&) = delete;
+    Message& operator=(const Message&) = delete;
 
     MessageType type() const { return mType; }
-    plist_t root() const { return mRoot.get(); }
+    Node root() const { return mRoot; } // a dictionary; none in a malformed message
+    std::string textIn(std::string_view key) const { return mRoot.in(key).text().value_or(""); }
+    // A text as a string; null when it is none. Texts that come again and again, as labels do, share one.
+    Ref<__VellString> string(const Node& text) const;
 
 private:
-    Base::PropertyListPtr mRoot;
+    struct Known {
+        std::uint64_t identity = 0;
+        Ref<__VellString> string; // null when the place is free
+    };
+
+    const Base::BinaryPropertyList mList;
+    Node mRoot;
     MessageType mType = MessageType::malformed;
+    mutable std::array<Known, 64> mKnown; // by identity, as far as there is room
 };
 
 // Who sent a command, as far as the kernel knows it.

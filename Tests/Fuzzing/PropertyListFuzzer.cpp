@@ -2,6 +2,8 @@
 // written so that it reads back the same.
 #include "Fuzzing.h"
 
+#include <Base/BinaryPropertyList.h>
+#include <Base/Utf8.h>
 #include <VellDevice/Coder.h>
 #include <VellDevice/Wire.h>
 
@@ -25,6 +27,33 @@ void readAsObjects(std::string_view bytes) {
     fuzzing::require(again != nullptr, "what was written can be read");
     const Ref<Object> second = objectOfNode(again.get());
     fuzzing::require(second && propertyListOf(second.get()) == written, "what was read writes as it was");
+}
+
+// The view of messages and the property-list library must see the same in the same bytes.
+using Node = Base::BinaryPropertyList::Node;
+
+void requireEqual(const Node& seen, plist_t node) {
+    fuzzing::require(static_cast<bool>(seen), "every node is seen");
+    fuzzing::require(seen.isArray() == (plist_get_node_type(node) == PLIST_ARRAY) &&
+                         seen.isDictionary() == (plist_get_node_type(node) == PLIST_DICT) &&
+                         seen.isText() == (plist_get_node_type(node) == PLIST_STRING),
+                     "nodes have one kind");
+    fuzzing::require(seen.text() == Base::stringOf(node), "texts are the same");
+    fuzzing::require(seen.integer() == Base::integerOf(node), "numbers are the same");
+    fuzzing::require(seen.data() == Base::dataOf(node), "data is the same");
+    std::uint64_t index = 0;
+    Base::forEachElement(node, [&](plist_t element) { requireEqual(seen.element(index++), element); });
+    Base::forEachEntry(node, [&](const char* key, plist_t value) {
+        fuzzing::require(seen.key(index).text() == Base::validUtf8(key), "keys are the same");
+        requireEqual(seen.value(index++), value);
+    });
+    fuzzing::require(index == seen.count(), "containers have one size");
+}
+
+void compareReaders(std::string_view bytes) {
+    const Base::BinaryPropertyList list(bytes);
+    if (const Base::PropertyListPtr root = Base::parseBinaryPropertyList(bytes))
+        requireEqual(list.root(), root.get());
 }
 
 void readAsMessage(std::string_view bytes) {
@@ -59,6 +88,7 @@ void readAsMessage(std::string_view bytes) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(bytes), size);
     readAsObjects(text);
+    compareReaders(text);
     readAsMessage(text);
     return 0;
 }
