@@ -2,6 +2,7 @@
 
 #include "SharedLockOpen.h"
 
+#include <Base/Mutex.h>
 #include <VellDevice/VellDevice.h>
 
 #include <fcntl.h>
@@ -14,15 +15,14 @@
 #include <cstdint>
 #include <cstdio>
 #include <map>
-#include <mutex>
 
 namespace {
 
 // The lock files that this process holds exclusively, so that its exit can tell its own from other
 // processes'. Leaked on purpose: a thread may look while the process ends.
 struct HeldFiles {
-    std::mutex lock; // guards `paths`, and their removal: a file is removed only while it is among them
-    std::map<int, std::string> paths; // by descriptor
+    Base::Mutex lock; // a file is removed under it, and only while it is among the paths
+    std::map<int, std::string> paths GUARDED_BY(lock); // by descriptor
 };
 
 HeldFiles& heldFiles() {
@@ -55,7 +55,7 @@ bool lockExclusively(int fd, int flags = 0) {
 void release(int& fd, bool& locked, const std::string& path) {
     if (locked) {
         {
-            const std::lock_guard guard(heldFiles().lock);
+            const Base::Lock guard(heldFiles().lock);
             removeIfOurs(path, fd);
             heldFiles().paths.erase(fd);
         }
@@ -68,7 +68,7 @@ void release(int& fd, bool& locked, const std::string& path) {
 }
 
 void remember(int fd, const std::string& path) {
-    const std::lock_guard guard(heldFiles().lock);
+    const Base::Lock guard(heldFiles().lock);
     heldFiles().paths.emplace(fd, path);
 }
 
@@ -130,7 +130,7 @@ GlobalLock::~GlobalLock() {
 
 void GlobalLock::RemoveFile(const std::string& path) {
     {
-        const std::lock_guard guard(heldFiles().lock);
+        const Base::Lock guard(heldFiles().lock);
         for (const auto& [held, itsPath] : heldFiles().paths) {
             if (itsPath == path) {
                 removeIfOurs(path, held);
@@ -151,7 +151,7 @@ void GlobalLock::RemoveFile(const std::string& path) {
 }
 
 void GlobalLock::RemoveHeldFiles() {
-    const std::lock_guard guard(heldFiles().lock);
+    const Base::Lock guard(heldFiles().lock);
     for (const auto& [held, path] : heldFiles().paths)
         removeIfOurs(path, held);
 }

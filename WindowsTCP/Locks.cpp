@@ -1,6 +1,6 @@
 #include "Locks.h"
 
-ThreadLock::ThreadLock(pthread_mutex_t& mutex) : mMutex(mutex) {
+ThreadLock::ThreadLock(PthreadMutex& mutex) : mMutex(mutex) {
     pthread_mutex_lock(&mMutex);
 }
 

@@ -1,4 +1,5 @@
 #include <Base/FolderEvents.h>
+#include <Base/Mutex.h>
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -8,7 +9,6 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <utility>
 
 namespace Base {
@@ -41,22 +41,21 @@ public:
     Changes take(FolderEvents& events);
 
 private:
-    // With mMutex held.
-    void distribute();
-    void note(const inotify_event& event, const char* name);
+    void distribute() REQUIRES(mMutex);
+    void note(const inotify_event& event, const char* name) REQUIRES(mMutex);
 
     const FileDescriptor mDescriptor;
-    std::mutex mMutex; // a leaf; guards mWatches and what the objects have not taken yet
-    std::multimap<int, FolderEvents*> mWatches; // by the kernel's number of the folder
+    Base::Mutex mMutex; // a leaf; also for what the objects have not taken yet
+    std::multimap<int, FolderEvents*> mWatches GUARDED_BY(mMutex); // by the kernel's number of the folder
 };
 
 std::shared_ptr<FolderEvents::Notifier> FolderEvents::Notifier::shared() {
     struct Holder {
-        std::mutex mutex; // guards notifier
-        std::weak_ptr<Notifier> notifier;
+        Base::Mutex mutex;
+        std::weak_ptr<Notifier> notifier GUARDED_BY(mutex);
     };
     static Holder& holder = *new Holder; // never destroyed: threads may outlive the static objects
-    const std::lock_guard lock(holder.mutex);
+    const Base::Lock lock(holder.mutex);
     if (auto notifier = holder.notifier.lock())
         return notifier;
     FileDescriptor descriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
@@ -68,7 +67,7 @@ std::shared_ptr<FolderEvents::Notifier> FolderEvents::Notifier::shared() {
 }
 
 bool FolderEvents::Notifier::add(const std::string& folder, FolderEvents& events) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     distribute(); // what happened before is none of the new one's business
     const int watch = inotify_add_watch(mDescriptor.get(), folder.c_str(), kWatched);
     if (watch >= 0)
@@ -77,7 +76,7 @@ bool FolderEvents::Notifier::add(const std::string& folder, FolderEvents& events
 }
 
 void FolderEvents::Notifier::remove(FolderEvents& events) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     for (auto entry = mWatches.begin(); entry != mWatches.end(); ++entry) {
         if (entry->second != &events)
             continue;
@@ -90,7 +89,7 @@ void FolderEvents::Notifier::remove(FolderEvents& events) {
 }
 
 FolderEvents::Changes FolderEvents::Notifier::take(FolderEvents& events) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     distribute();
     eventfd_t count = 0;
     eventfd_read(events.mPutBy.get(), &count);

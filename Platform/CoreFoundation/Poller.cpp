@@ -1,9 +1,10 @@
 #include "Poller.h"
 
+#include <Base/Mutex.h>
+
 #include <sys/eventfd.h>
 
 #include <cerrno>
-#include <mutex>
 #include <set>
 #include <system_error>
 
@@ -15,8 +16,8 @@ constexpr std::size_t kEventsPerWait = 128;
 
 // Every poller of the process, for wakeAll. Never destroyed: threads may outlive the static objects.
 struct Registry {
-    std::mutex mutex; // guards pollers
-    std::set<Poller*> pollers;
+    Base::Mutex mutex;
+    std::set<Poller*> pollers GUARDED_BY(mutex);
 };
 
 Registry& registry() {
@@ -41,12 +42,12 @@ Poller::Poller()
     event.data.u64 = kWakeSignal;
     if (epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, mWakeSignal.get(), &event) != 0)
         fail("epoll_ctl");
-    const std::lock_guard lock(registry().mutex);
+    const Base::Lock lock(registry().mutex);
     registry().pollers.insert(this);
 }
 
 Poller::~Poller() {
-    const std::lock_guard lock(registry().mutex);
+    const Base::Lock lock(registry().mutex);
     registry().pollers.erase(this);
 }
 
@@ -98,7 +99,7 @@ void Poller::wake() {
 }
 
 void Poller::wakeAll() {
-    const std::lock_guard lock(registry().mutex);
+    const Base::Lock lock(registry().mutex);
     for (Poller* poller : registry().pollers)
         poller->wake();
 }

@@ -74,7 +74,7 @@ void __CFRunLoop::addTimer(CFRunLoopTimerRef timer) {
 
 void __CFRunLoop::enqueue(Event event) {
     {
-        const std::lock_guard lock(mEventMutex);
+        const Base::Lock lock(mEventMutex);
         mEvents.push_back(std::move(event));
     }
     if (!isOfThisThread())
@@ -83,7 +83,7 @@ void __CFRunLoop::enqueue(Event event) {
 
 void __CFRunLoop::discardEvents() {
     std::deque<Event> discarded;
-    const std::lock_guard lock(mEventMutex);
+    const Base::Lock lock(mEventMutex);
     discarded.swap(mEvents);
 }
 
@@ -119,7 +119,7 @@ bool __CFRunLoop::fireTimers() {
 
 int __CFRunLoop::millisecondsToWait() const {
     {
-        const std::lock_guard lock(mEventMutex);
+        const Base::Lock lock(mEventMutex);
         if (!mEvents.empty())
             return 0;
     }
@@ -138,7 +138,7 @@ void __CFRunLoop::runEvents(const std::function<bool()>& goesOn) {
     for (int count = 0; count < kEventsPerPass && goesOn(); ++count) {
         Event event;
         {
-            const std::lock_guard lock(mEventMutex);
+            const Base::Lock lock(mEventMutex);
             if (mEvents.empty())
                 return;
             event = std::move(mEvents.front());

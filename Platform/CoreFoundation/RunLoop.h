@@ -5,10 +5,11 @@
 #include "Poller.h"
 #include "TimerQueue.h"
 
+#include <Base/Mutex.h>
+
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <thread>
 
@@ -63,8 +64,8 @@ private:
     std::unique_ptr<CoreFoundation::Poller> mPollerStorage;
     std::atomic<CoreFoundation::Poller*> mPoller{nullptr};
     const std::shared_ptr<CoreFoundation::TimerQueue> mTimers;
-    mutable std::mutex mEventMutex; // guards mEvents
-    std::deque<Event> mEvents;
+    mutable Base::Mutex mEventMutex;
+    std::deque<Event> mEvents GUARDED_BY(mEventMutex);
     int mDepth = 0; // callbacks on the stack
 };
 

@@ -34,7 +34,7 @@ __CFRunLoopTimer::__CFRunLoopTimer(CFAbsoluteTime fireDate, CFTimeInterval perio
       mInfo(std::make_shared<Info>(context)) {}
 
 bool __CFRunLoopTimer::joinQueue(const std::shared_ptr<CoreFoundation::TimerQueue>& queue) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     if (!isValid() || mQueue)
         return false;
     mQueue = queue;
@@ -47,7 +47,7 @@ void __CFRunLoopTimer::invalidate() {
     std::shared_ptr<Info> info;
     std::shared_ptr<CoreFoundation::TimerQueue> queue;
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         info.swap(mInfo);
         queue.swap(mQueue);
     }
@@ -60,7 +60,7 @@ void __CFRunLoopTimer::invalidate() {
 void __CFRunLoopTimer::fire() {
     std::shared_ptr<Info> info;
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         info = mInfo;
     }
     if (info && isValid() && mCallout)

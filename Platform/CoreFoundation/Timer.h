@@ -2,9 +2,10 @@
 
 #include "Object.h"
 
+#include <Base/Mutex.h>
+
 #include <atomic>
 #include <memory>
-#include <mutex>
 
 namespace CoreFoundation {
 class TimerQueue;
@@ -33,7 +34,7 @@ private:
 
     const CFRunLoopTimerCallBack mCallout;
     std::atomic<bool> mValid{true};
-    std::mutex mMutex; // guards mInfo and mQueue
-    std::shared_ptr<Info> mInfo;
-    std::shared_ptr<CoreFoundation::TimerQueue> mQueue;
+    Base::Mutex mMutex;
+    std::shared_ptr<Info> mInfo GUARDED_BY(mMutex);
+    std::shared_ptr<CoreFoundation::TimerQueue> mQueue GUARDED_BY(mMutex);
 };

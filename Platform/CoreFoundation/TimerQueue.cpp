@@ -12,7 +12,7 @@ void TimerQueue::insert(CFRunLoopTimerRef timer, CFAbsoluteTime date) {
     // Once it is in the queue, the loop's thread may fire it, and its owner may give it back there.
     const TimerReference kept(timer);
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         mTimers.emplace(Key(date, ++mLastTicket), TimerReference(timer));
     }
     // Invalidated between the decision to insert it and now.
@@ -23,7 +23,7 @@ void TimerQueue::insert(CFRunLoopTimerRef timer, CFAbsoluteTime date) {
 void TimerQueue::remove(CFRunLoopTimerRef timer) {
     // Released after the lock: the last reference may go with it.
     std::optional<TimerReference> removed;
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     const auto found = std::find_if(mTimers.begin(), mTimers.end(),
                                     [&](const auto& entry) { return entry.second.get() == timer; });
     if (found == mTimers.end())
@@ -33,12 +33,12 @@ void TimerQueue::remove(CFRunLoopTimerRef timer) {
 }
 
 TimerQueue::Ticket TimerQueue::lastTicket() const {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     return mLastTicket;
 }
 
 std::optional<TimerQueue::Due> TimerQueue::takeDue(CFAbsoluteTime now, Ticket last) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     for (auto entry = mTimers.begin(); entry != mTimers.end() && entry->first.first <= now; ++entry) {
         if (entry->first.second > last)
             continue;
@@ -50,7 +50,7 @@ std::optional<TimerQueue::Due> TimerQueue::takeDue(CFAbsoluteTime now, Ticket la
 }
 
 std::optional<CFAbsoluteTime> TimerQueue::nextDate() const {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     if (mTimers.empty())
         return std::nullopt;
     return mTimers.begin()->first.first;

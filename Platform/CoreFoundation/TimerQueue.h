@@ -45,9 +45,9 @@ public:
 private:
     using Key = std::pair<CFAbsoluteTime, Ticket>;
 
-    mutable std::mutex mMutex; // guards the fields below
-    Ticket mLastTicket = 0;
-    std::map<Key, TimerReference> mTimers;
+    mutable Base::Mutex mMutex;
+    Ticket mLastTicket GUARDED_BY(mMutex) = 0;
+    std::map<Key, TimerReference> mTimers GUARDED_BY(mMutex);
 };
 
 } // namespace CoreFoundation

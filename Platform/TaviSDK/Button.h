@@ -2,8 +2,8 @@
 
 #include "TaviSDK.h"
 
-#include <condition_variable>
-#include <mutex>
+#include <Base/Mutex.h>
+
 #include <thread>
 
 namespace TaviSDK {
@@ -21,12 +21,12 @@ public:
     void report();
 
 private:
-    std::mutex mMutex; // guards everything below
-    std::condition_variable mReported;
-    Tavi_DeviceMessageHandler mHandler = nullptr;
-    long mPresses = 0;
-    bool mIsReporting = false;
-    std::thread::id mReporter;
+    Base::Mutex mMutex;
+    Base::Condition mReported;
+    Tavi_DeviceMessageHandler mHandler GUARDED_BY(mMutex) = nullptr;
+    long mPresses GUARDED_BY(mMutex) = 0;
+    bool mIsReporting GUARDED_BY(mMutex) = false;
+    std::thread::id mReporter GUARDED_BY(mMutex);
 };
 
 } // namespace TaviSDK

@@ -2,10 +2,10 @@
 
 #include "VirtualInstrument.h"
 
+#include <Base/Mutex.h>
+
 #include <atomic>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <optional>
 
 namespace TaviSDK {
@@ -25,10 +25,10 @@ private:
     ~CallGuard() = delete;
 
     std::atomic<bool> mIsSet{false}; // spares calls without a hook the mutex
-    std::mutex mMutex;               // guards everything below
-    std::condition_variable mReturned;
-    std::shared_ptr<const CallHook> mHook;
-    int mRunning = 0; // calls of hooks, the one that is set or one before
+    Base::Mutex mMutex;              // guards everything below
+    Base::Condition mReturned;
+    std::shared_ptr<const CallHook> mHook GUARDED_BY(mMutex);
+    int mRunning GUARDED_BY(mMutex) = 0; // calls of hooks, the one that is set or one before
 };
 
 } // namespace TaviSDK

@@ -82,19 +82,19 @@ Follower::Follower(std::function<void(const std::string&)> fileChanged, std::fun
 
 void Follower::follow(const std::string& path) {
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         mPath = path;
     }
     wake();
 }
 
 std::string Follower::path() {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     return mPath;
 }
 
 void Follower::start() {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     if (mIsRunning || mIsStopping) {
         return;
     }
@@ -116,11 +116,11 @@ void Follower::wake() {
 }
 
 void Follower::stop() {
-    std::unique_lock lock(mMutex);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    const Base::Lock lock(mMutex);
     mIsStopping = true;
     wake();
-    if (mThread != std::this_thread::get_id()) {
-        mEndedCondition.wait_for(lock, std::chrono::seconds(1), [this] { return !mIsRunning; });
+    while (mIsRunning && mThread != std::this_thread::get_id() && mEndedCondition.waitUntil(mMutex, end)) {
     }
 }
 
@@ -138,10 +138,10 @@ void Follower::run() {
             mayHaveChanged = watch.read();
         }
         {
-            const std::lock_guard lock(mMutex);
+            const Base::Lock lock(mMutex);
             if (mIsStopping) {
                 mIsRunning = false;
-                mEndedCondition.notify_all();
+                mEndedCondition.notifyAll();
                 return;
             }
         }

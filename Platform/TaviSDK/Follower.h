@@ -1,8 +1,8 @@
 #pragma once
 
-#include <condition_variable>
+#include <Base/Mutex.h>
+
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -36,12 +36,12 @@ private:
     const std::function<void()> mWoken;
     const int mWakeDescriptor;
 
-    std::mutex mMutex; // guards everything below
-    std::condition_variable mEndedCondition;
-    std::string mPath;
-    bool mIsRunning = false;
-    bool mIsStopping = false;
-    std::thread::id mThread;
+    Base::Mutex mMutex;
+    Base::Condition mEndedCondition;
+    std::string mPath GUARDED_BY(mMutex);
+    bool mIsRunning GUARDED_BY(mMutex) = false;
+    bool mIsStopping GUARDED_BY(mMutex) = false;
+    std::thread::id mThread GUARDED_BY(mMutex);
 };
 
 } // namespace TaviSDK

@@ -40,7 +40,7 @@ Instrument& Instrument::instance() {
 Instrument::Instrument()
     : mFollower(
           *new Follower([this](const std::string& path) { readFile(path); }, [this] { mButton.report(); })) {
-    const std::lock_guard lock(mFollowMutex);
+    const Base::Lock lock(mFollowMutex);
     followHardwareFile();
 }
 
@@ -59,7 +59,7 @@ void Instrument::followHardwareFile() {
 }
 
 void Instrument::readFile(const std::string& path) {
-    const std::lock_guard lock(mFollowMutex);
+    const Base::Lock lock(mFollowMutex);
     if (path != mFollowed) {
         return;
     }
@@ -86,30 +86,37 @@ std::string Instrument::setSimulation(const Simulation& simulation) {
 void Instrument::powerCycle() {
     mButton.setHandler(nullptr);
     {
-        const std::lock_guard lock(mCallMutex);
+        const Base::Lock lock(mCallMutex);
         mTable = Table();
         mSpectrophotometer = Spectrophotometer();
         mLastWhiteTransfer = "0";
         mOptions.resetToDefaults();
     }
-    const std::lock_guard lock(mFollowMutex);
+    const Base::Lock lock(mFollowMutex);
     mSimulation.apply(Simulation());
     mSimulation.setLastError("");
     followHardwareFile();
 }
 
-Instrument::Turn Instrument::takeTurn() {
-    Turn turn{std::unique_lock(mCallMutex), mSimulation.state()};
-    if (turn.state->spectrophotometerLosses != mSpectrophotometerLossesSeen) {
-        mSpectrophotometerLossesSeen = turn.state->spectrophotometerLosses;
+Instrument::Turn::Turn(Instrument& instrument)
+    : state((instrument.mCallMutex.lock(), instrument.mSimulation.state())), mMutex(instrument.mCallMutex) {
+    instrument.forgetWhatIsLost(*state);
+}
+
+Instrument::Turn::~Turn() {
+    mMutex.unlock();
+}
+
+void Instrument::forgetWhatIsLost(const State& state) {
+    if (state.spectrophotometerLosses != mSpectrophotometerLossesSeen) {
+        mSpectrophotometerLossesSeen = state.spectrophotometerLosses;
         mSpectrophotometer.reset();
     }
-    if (turn.state->tableLosses != mTableLossesSeen) {
-        mTableLossesSeen = turn.state->tableLosses;
+    if (state.tableLosses != mTableLossesSeen) {
+        mTableLossesSeen = state.tableLosses;
         mOptions.resetToDefaults();
         mTable = Table();
     }
-    return turn;
 }
 
 void Instrument::requireTable() const {
@@ -152,7 +159,7 @@ void Instrument::reset() {
 }
 
 void Instrument::setOption(const char* key, const char* value) {
-    const Turn turn = takeTurn();
+    const Turn turn(*this);
     if (key == nullptr || value == nullptr) {
         throw Refusal(Status::ImpossibleValue, "An option needs a name and a value.");
     }
@@ -203,7 +210,7 @@ std::optional<std::string> Instrument::information(std::string_view key, const S
 }
 
 std::optional<std::string> Instrument::option(const char* key) {
-    const Turn turn = takeTurn();
+    const Turn turn(*this);
     const std::string_view name = key == nullptr ? std::string_view() : std::string_view(key);
     if (std::optional<std::string> text = information(name, *turn.state)) {
         return text;
@@ -215,7 +222,7 @@ std::optional<std::string> Instrument::option(const char* key) {
 }
 
 void Instrument::checkConnected() {
-    const Turn turn = takeTurn();
+    const Turn turn(*this);
     requireSpectrophotometer();
 }
 
@@ -226,19 +233,19 @@ void Instrument::moveTo(const Point& place) {
 }
 
 void Instrument::goHome() {
-    const Turn turn = takeTurn();
+    const Turn turn(*this);
     requireTable();
     moveTo(Table::kHome);
 }
 
 void Instrument::setPosition(float x, float y) {
-    const Turn turn = takeTurn();
+    const Turn turn(*this);
     requireTable();
     moveTo(Table::toAperture(static_cast<double>(x), static_cast<double>(y), isVisor()));
 }
 
 void Instrument::position(float& x, float& y) {
-    const Turn turn = takeTurn();
+    const Turn turn(*this);
     requireTable();
     const Point place = Table::fromAperture(mTable.head(), isVisor());
     x = static_cast<float>(place.x);
@@ -246,7 +253,7 @@ void Instrument::position(float& x, float& y) {
 }
 
 void Instrument::calibrate() {
-    const Turn turn = takeTurn();
+    const Turn turn(*this);
     requireSpectrophotometer();
     moveTo(Table::kHome);
     mSimulation.pass(Spectrophotometer::kCalibrationTime);
@@ -256,7 +263,7 @@ void Instrument::calibrate() {
 }
 
 void Instrument::triggerMeasurement() {
-    const Turn turn = takeTurn();
+    const Turn turn(*this);
     requireSpectrophotometer();
     requireMode(kSingleMode);
     requireCalibration();
@@ -268,7 +275,7 @@ void Instrument::triggerMeasurement() {
 }
 
 void Instrument::scan(float fromX, float fromY, float toX, float toY) {
-    const Turn turn = takeTurn();
+    const Turn turn(*this);
     requireSpectrophotometer();
     requireMode(kScanningMode);
     requireCalibration();
@@ -294,19 +301,19 @@ void Instrument::scan(float fromX, float fromY, float toX, float toY) {
 }
 
 int Instrument::sampleCount() {
-    const Turn turn = takeTurn();
+    const Turn turn(*this);
     return mSpectrophotometer.sampleCount();
 }
 
 void Instrument::spectrum(float out[Color::kBands], int index) {
-    const Turn turn = takeTurn();
+    const Turn turn(*this);
     requireSpectrophotometer();
     const Spectrum& sample = mSpectrophotometer.sample(index);
     std::copy(sample.begin(), sample.end(), out);
 }
 
 void Instrument::triStimulus(float out[3], int index) {
-    const Turn turn = takeTurn();
+    const Turn turn(*this);
     requireSpectrophotometer();
     const Color::XYZ xyz =
         Color::xyzFromSpectrum(std::span<const float, Color::kBands>(mSpectrophotometer.sample(index)));

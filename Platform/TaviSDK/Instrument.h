@@ -7,7 +7,8 @@
 #include "Spectrophotometer.h"
 #include "Table.h"
 
-#include <mutex>
+#include <Base/Mutex.h>
+
 #include <optional>
 #include <string>
 
@@ -54,42 +55,51 @@ private:
 
     // The call lock, and the settings at its moment; what the loss of table or spectrophotometer takes with
     // it is forgotten before.
-    struct Turn {
-        std::unique_lock<std::mutex> lock;
-        std::shared_ptr<const State> state;
+    class SCOPED_CAPABILITY Turn {
+    public:
+        explicit Turn(Instrument& instrument) ACQUIRE(instrument.mCallMutex);
+        ~Turn() RELEASE();
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
+
+        const std::shared_ptr<const State> state;
+
+    private:
+        Base::Mutex& mMutex;
     };
-    Turn takeTurn();
+    void forgetWhatIsLost(const State& state) REQUIRES(mCallMutex);
     void requireTable() const;
     void requireSpectrophotometer() const;
     // Throws when the spectrophotometer went since state was taken, be it back or not.
     void requireUndisturbed(const State& state) const;
-    void requireMode(std::string_view mode) const;
-    void requireCalibration() const;
+    void requireMode(std::string_view mode) const REQUIRES(mCallMutex);
+    void requireCalibration() const REQUIRES(mCallMutex);
 
-    std::optional<std::string> information(std::string_view key, const State& state) const;
-    void reset();
-    void moveTo(const Point& place);
-    bool isVisor() const { return mOptions.isYes("TaviTIsVisorCoordinate"); }
+    std::optional<std::string> information(std::string_view key, const State& state) const
+        REQUIRES(mCallMutex);
+    void reset() REQUIRES(mCallMutex);
+    void moveTo(const Point& place) REQUIRES(mCallMutex);
+    bool isVisor() const REQUIRES(mCallMutex) { return mOptions.isYes("TaviTIsVisorCoordinate"); }
 
-    void followHardwareFile();
+    void followHardwareFile() REQUIRES(mFollowMutex);
     void readFile(const std::string& path);
 
     SimulationStore mSimulation;
     Button mButton;
     Follower& mFollower; // never destroyed, as its thread may use it until the process ends
 
-    // Guards mFollowed, and the settings against a file that is read for an instrument switched off
-    // meanwhile.
-    std::mutex mFollowMutex;
-    std::string mFollowed;
+    // Also keeps the settings from a file that is read for an instrument switched off meanwhile.
+    Base::Mutex mFollowMutex;
+    std::string mFollowed GUARDED_BY(mFollowMutex);
 
-    std::mutex mCallMutex; // guards everything below
-    Options mOptions;
-    Table mTable;
-    Spectrophotometer mSpectrophotometer;
-    std::string mLastWhiteTransfer = "0"; // when the last white calibration was, in seconds since 1970
-    unsigned long mTableLossesSeen = 0;
-    unsigned long mSpectrophotometerLossesSeen = 0;
+    Base::Mutex mCallMutex;
+    Options mOptions GUARDED_BY(mCallMutex);
+    Table mTable GUARDED_BY(mCallMutex);
+    Spectrophotometer mSpectrophotometer GUARDED_BY(mCallMutex);
+    std::string mLastWhiteTransfer GUARDED_BY(mCallMutex) =
+        "0"; // when the last white calibration was, in seconds since 1970
+    unsigned long mTableLossesSeen GUARDED_BY(mCallMutex) = 0;
+    unsigned long mSpectrophotometerLossesSeen GUARDED_BY(mCallMutex) = 0;
 };
 
 } // namespace TaviSDK

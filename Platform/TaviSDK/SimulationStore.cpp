@@ -102,7 +102,7 @@ void SimulationStore::warn(const std::string& problems) {
 }
 
 SimulationStore::Applied SimulationStore::apply(const Simulation& simulation) {
-    const std::lock_guard applying(mApplyMutex);
+    const Base::Lock applying(mApplyMutex);
     auto next = std::make_shared<State>();
     next->simulation = simulation;
     Applied applied;
@@ -110,7 +110,7 @@ SimulationStore::Applied SimulationStore::apply(const Simulation& simulation) {
     add(applied.problems, load(simulation.chart));
     next->chart = mChart;
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         const Simulation& before = mState->simulation;
         applied.presses = std::max(0L, simulation.presses - before.presses);
         next->tableLosses = mState->tableLosses + (before.table && !simulation.table ? 1 : 0);
@@ -127,19 +127,19 @@ SimulationStore::Applied SimulationStore::apply(const Simulation& simulation) {
             mLastError = applied.problems;
         }
         mState = std::move(next);
-        mChanged.notify_all();
+        mChanged.notifyAll();
     }
     warn(applied.problems);
     return applied;
 }
 
 std::shared_ptr<const SimulationStore::State> SimulationStore::state() const {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     return mState;
 }
 
 void SimulationStore::pass(double seconds) {
-    std::unique_lock lock(mMutex);
+    const Base::Lock lock(mMutex);
     while (seconds > 0.0) {
         const std::shared_ptr<const State> state = mState;
         const double scale = state->simulation.timeScale;
@@ -147,7 +147,9 @@ void SimulationStore::pass(double seconds) {
             return;
         }
         const Clock::time_point begin = Clock::now();
-        mChanged.wait_until(lock, after(seconds * scale), [&] { return mState != state; });
+        const Clock::time_point end = after(seconds * scale);
+        while (mState == state && mChanged.waitUntil(mMutex, end)) {
+        }
         seconds -= Seconds(Clock::now() - begin).count() / scale;
     }
 }
@@ -156,7 +158,7 @@ std::optional<Fault> SimulationStore::strike(std::string_view call) {
     if (!mHasFault) {
         return std::nullopt;
     }
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     if (!mFault || mFault->call != call || --mFault->occurrence > 0) {
         return std::nullopt;
     }
@@ -165,20 +167,21 @@ std::optional<Fault> SimulationStore::strike(std::string_view call) {
 }
 
 void SimulationStore::hang(double seconds) {
-    std::unique_lock lock(mMutex);
+    const Base::Lock lock(mMutex);
     const unsigned long serial = mFaultSerial;
     const Clock::time_point end =
         Clock::now() + std::chrono::duration_cast<Clock::duration>(Seconds(seconds));
-    mChanged.wait_until(lock, end, [&] { return mFaultSerial != serial; });
+    while (mFaultSerial == serial && mChanged.waitUntil(mMutex, end)) {
+    }
 }
 
 std::string SimulationStore::lastError() const {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     return mLastError;
 }
 
 void SimulationStore::setLastError(std::string text) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     mLastError = std::move(text);
 }
 

@@ -4,11 +4,11 @@
 #include "VirtualChart.h"
 #include "VirtualInstrument.h"
 
+#include <Base/Mutex.h>
+
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -64,23 +64,23 @@ private:
         bool operator==(const ChartFile&) const = default;
     };
     static ChartFile look(const std::string& path);
-    std::string load(const std::string& path);
-    std::optional<Fault> understand(const std::string& setting);
-    void warn(const std::string& problems);
+    std::string load(const std::string& path) REQUIRES(mApplyMutex);
+    std::optional<Fault> understand(const std::string& setting) REQUIRES(mApplyMutex);
+    void warn(const std::string& problems) REQUIRES(mApplyMutex);
 
-    std::mutex mApplyMutex; // one change of the settings at a time; guards everything up to the other mutex
-    ChartFile mChartFile;
-    std::shared_ptr<const VirtualChart> mChart = std::make_shared<VirtualChart>();
-    std::string mChartProblem;
-    std::string mFaultProblem;
-    std::string mProblems; // of the settings as they are, all in one
+    Base::Mutex mApplyMutex ACQUIRED_BEFORE(mMutex); // one change of the settings at a time
+    ChartFile mChartFile GUARDED_BY(mApplyMutex);
+    std::shared_ptr<const VirtualChart> mChart GUARDED_BY(mApplyMutex) = std::make_shared<VirtualChart>();
+    std::string mChartProblem GUARDED_BY(mApplyMutex);
+    std::string mFaultProblem GUARDED_BY(mApplyMutex);
+    std::string mProblems GUARDED_BY(mApplyMutex); // of the settings as they are, all in one
 
-    mutable std::mutex mMutex; // guards everything below
-    std::condition_variable mChanged;
-    std::shared_ptr<const State> mState = std::make_shared<State>();
-    std::optional<Fault> mFault;
-    unsigned long mFaultSerial = 0; // counts changes of the fault setting
-    std::string mLastError;
+    mutable Base::Mutex mMutex;
+    Base::Condition mChanged;
+    std::shared_ptr<const State> mState GUARDED_BY(mMutex) = std::make_shared<State>();
+    std::optional<Fault> mFault GUARDED_BY(mMutex);
+    unsigned long mFaultSerial GUARDED_BY(mMutex) = 0; // counts changes of the fault setting
+    std::string mLastError GUARDED_BY(mMutex);
 
     std::atomic<bool> mHasFault{false}; // spares calls without a fault the mutex
 };

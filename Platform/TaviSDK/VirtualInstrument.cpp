@@ -20,7 +20,7 @@ CallGuard& CallGuard::instance() {
 std::optional<int> CallGuard::ask(const Call& call) {
     std::shared_ptr<const CallHook> hook;
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         hook = mHook;
         if (!hook) {
             return std::nullopt;
@@ -32,11 +32,11 @@ std::optional<int> CallGuard::ask(const Call& call) {
         std::shared_ptr<const CallHook>& hook;
         ~Return() {
             --hooksOnStack;
-            const std::lock_guard lock(guard.mMutex);
+            const Base::Lock lock(guard.mMutex);
             // Dropped here, so that whoever set another hook knows this one and what it holds to be gone.
             hook.reset();
             --guard.mRunning;
-            guard.mReturned.notify_all();
+            guard.mReturned.notifyAll();
         }
     };
     ++hooksOnStack;
@@ -49,14 +49,13 @@ void CallGuard::set(CallHook hook) {
     if (hook) {
         next = std::make_shared<const CallHook>(std::move(hook));
     }
-    std::unique_lock lock(mMutex);
+    // The old hook is destroyed without the lock: it may hold anything.
+    const Base::Lock lock(mMutex);
     mIsSet = next != nullptr;
     mHook.swap(next);
-    if (hooksOnStack == 0) {
-        mReturned.wait(lock, [this] { return mRunning == 0; });
+    while (hooksOnStack == 0 && mRunning > 0) {
+        mReturned.wait(mMutex);
     }
-    // The old hook is destroyed without the lock: it may hold anything.
-    lock.unlock();
 }
 
 std::string setSimulation(const Simulation& simulation) {

@@ -58,7 +58,7 @@ Client::~Client() {
 
 void Client::requestSearch() {
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         if (std::exchange(mSearchRequested, true))
             return;
     }
@@ -142,7 +142,7 @@ void Client::open(const std::string& path, Socket& socket, Base::FileDescriptor 
         return;
     }
     socket.link = identifier;
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     mLinks.emplace(identifier, std::move(link));
 }
 
@@ -193,7 +193,7 @@ Ref<__VellDevice> Client::recordFor(LinkIdentifier link, const RecordFields& fie
     const std::string& path = textOf(fields.pathOrAttribute());
     if (name.empty())
         return {};
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     // A record that another plug-in holds is not given away to one that claims the same name and path.
     const auto found = std::find_if(mRecords.begin(), mRecords.end(), [&](const auto& record) {
         const LinkIdentifier owner = record->link;
@@ -213,7 +213,7 @@ void Client::deliverResponse(LinkIdentifier link, const Message& message) {
     Ref<__VellDeviceCommand> command;
     std::vector<ResponseObserver> observers;
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         command = mPending.find(link, message.textIn("Ticket"));
         observers = mResponseObservers;
     }
@@ -224,7 +224,7 @@ void Client::deliverResponse(LinkIdentifier link, const Message& message) {
     for (const ResponseObserver& observer : observers) {
         {
             // An earlier one may have unregistered it.
-            const std::lock_guard lock(mMutex);
+            const Base::Lock lock(mMutex);
             if (std::none_of(mResponseObservers.begin(), mResponseObservers.end(),
                              [&](const auto& candidate) { return candidate.number == observer.number; }))
                 continue;
@@ -235,7 +235,7 @@ void Client::deliverResponse(LinkIdentifier link, const Message& message) {
 
 std::vector<Ref<__VellDevice>> Client::recordsOf(LinkIdentifier link) const {
     std::vector<Ref<__VellDevice>> records;
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     std::copy_if(mRecords.begin(), mRecords.end(), std::back_inserter(records),
                  [&](const auto& record) { return record->link == link; });
     return records;
@@ -261,7 +261,7 @@ void Client::ended(LinkIdentifier link) {
         socket.pause = std::min(socket.pause * 2, kLongestPause);
     }
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         mLinks.erase(link);
         mPending.forget(link);
     }
@@ -272,7 +272,7 @@ void Client::ended(LinkIdentifier link) {
 
 std::vector<Client::DeviceObserver> Client::observersOf(const std::string& deviceName) const {
     std::vector<DeviceObserver> observers;
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     std::copy_if(mDeviceObservers.begin(), mDeviceObservers.end(), std::back_inserter(observers),
                  [&](const DeviceObserver& observer) {
                      return observer.isIntroduced &&
@@ -294,7 +294,7 @@ void Client::notify(const Ref<__VellDevice>& device, Event event) {
 
 void Client::introduce(std::uint64_t number) {
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         for (DeviceObserver& observer : mDeviceObservers)
             observer.isIntroduced = observer.isIntroduced || observer.number == number;
     }
@@ -311,7 +311,7 @@ void Client::introduce(std::uint64_t number) {
 void Client::addDeviceObserver(void* context, VellStringRef deviceName, VellDeviceCallback callback) {
     std::uint64_t number = 0;
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         number = ++mLastObserver;
         mDeviceObservers.push_back({number, context, Ref(deviceName), callback, false});
     }
@@ -320,7 +320,7 @@ void Client::addDeviceObserver(void* context, VellStringRef deviceName, VellDevi
 }
 
 void Client::removeDeviceObserver(void* context, VellStringRef deviceName) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     std::erase_if(mDeviceObservers, [&](const DeviceObserver& observer) {
         return observer.context == context && compareObjects(observer.deviceName.get(), deviceName) == 0;
     });
@@ -328,14 +328,14 @@ void Client::removeDeviceObserver(void* context, VellStringRef deviceName) {
 
 void Client::addResponseObserver(void* context, VellResponseCallback callback) {
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         mResponseObservers.push_back({++mLastObserver, context, callback});
     }
     requestSearch();
 }
 
 void Client::removeResponseObserver(void* context) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     std::erase_if(mResponseObservers,
                   [&](const ResponseObserver& observer) { return observer.context == context; });
 }
@@ -344,7 +344,7 @@ void Client::removeResponseObserver(void* context) {
 
 VellDeviceRef Client::deviceByName(const std::string& name) {
     requestSearch();
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     const auto found = std::find_if(mRecords.begin(), mRecords.end(), [&](const auto& record) {
         return record->link != kNoLink && nameOf(*record) == name;
     });
@@ -354,7 +354,7 @@ VellDeviceRef Client::deviceByName(const std::string& name) {
 Ref<__VellArray> Client::copyDevices() {
     requestSearch();
     auto devices = Ref<__VellArray>::adopt(new __VellArray);
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     for (const auto& record : mRecords) {
         if (record->link != kNoLink)
             devices->values.emplace_back(record.get());
@@ -363,7 +363,7 @@ Ref<__VellArray> Client::copyDevices() {
 }
 
 std::shared_ptr<FrameChannel> Client::channelOf(LinkIdentifier link) const {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     const auto found = mLinks.find(link);
     return found != mLinks.end() ? found->second.channel : nullptr;
 }
@@ -375,7 +375,7 @@ bool Client::send(LinkIdentifier link, const Ref<__VellDeviceCommand>& command) 
         return false;
     {
         // Before it leaves: the answer may be quick.
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         mPending.add(link, command);
     }
     channel->send(frame);
@@ -385,7 +385,7 @@ bool Client::send(LinkIdentifier link, const Ref<__VellDeviceCommand>& command) 
 void Client::flush() {
     std::vector<std::shared_ptr<FrameChannel>> channels;
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         for (const auto& [identifier, link] : mLinks)
             channels.push_back(link.channel);
     }

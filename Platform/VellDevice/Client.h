@@ -6,12 +6,13 @@
 #include "FrameChannel.h"
 #include "PendingCommands.h"
 
+#include <Base/Mutex.h>
+
 #include <sys/types.h>
 #include <time.h>
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -101,17 +102,17 @@ private:
     Delay mNextLook;
     LinkIdentifier mLastLink = kNoLink;
 
-    // Guards the fields below. Taken before a record's lock, never while an observer is called.
-    mutable std::mutex mMutex;
-    bool mSearchRequested = false;
-    std::map<LinkIdentifier, Link> mLinks;
+    // Taken before a record's lock, never while an observer is called.
+    mutable Base::Mutex mMutex;
+    bool mSearchRequested GUARDED_BY(mMutex) = false;
+    std::map<LinkIdentifier, Link> mLinks GUARDED_BY(mMutex);
     // Every record that was ever seen: a program may keep what it was lent while a plug-in is away, and finds
     // it usable when the plug-in comes back.
-    std::vector<Ref<__VellDevice>> mRecords;
-    std::vector<DeviceObserver> mDeviceObservers;
-    std::vector<ResponseObserver> mResponseObservers;
-    std::uint64_t mLastObserver = 0;
-    PendingCommands mPending;
+    std::vector<Ref<__VellDevice>> mRecords GUARDED_BY(mMutex);
+    std::vector<DeviceObserver> mDeviceObservers GUARDED_BY(mMutex);
+    std::vector<ResponseObserver> mResponseObservers GUARDED_BY(mMutex);
+    std::uint64_t mLastObserver GUARDED_BY(mMutex) = 0;
+    PendingCommands mPending GUARDED_BY(mMutex);
 };
 
 } // namespace VellService

@@ -36,7 +36,7 @@ void __VellDeviceCenter::reset() {
     Retired::shared().freeAll();
     mStopRequested = false;
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         mObservers.clear();
         mSourceName = {};
         mPostedFields = {};
@@ -83,24 +83,24 @@ void __VellDeviceCenter::stop() {
 }
 
 void __VellDeviceCenter::setSourceName(Ref<__VellString> name) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     mSourceName = std::move(name);
 }
 
 void __VellDeviceCenter::addObserver(void* context, VellStringRef deviceName, VellCommandCallback callback) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     mObservers.push_back({++mLastObserver, context, Ref(deviceName), callback});
 }
 
 void __VellDeviceCenter::removeObserver(void* context, VellStringRef deviceName) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     std::erase_if(mObservers, [&](const Observer& observer) {
         return observer.context == context && compareObjects(observer.deviceName.get(), deviceName) == 0;
     });
 }
 
 bool __VellDeviceCenter::isRegistered(std::uint64_t number) const {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     return std::any_of(mObservers.begin(), mObservers.end(),
                        [&](const Observer& observer) { return observer.number == number; });
 }
@@ -109,7 +109,7 @@ void __VellDeviceCenter::deliver(const Ref<__VellDeviceCommand>& command) {
     const std::string& device = textOf(command->deviceName.get());
     std::vector<Observer> observers;
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         std::copy_if(mObservers.begin(), mObservers.end(), std::back_inserter(observers),
                      [&](const Observer& observer) {
                          return !observer.deviceName || device.empty() || observer.deviceName->text == device;
@@ -136,13 +136,13 @@ void __VellDeviceCenter::postStatus(const __VellDevice& device) {
     RecordFields fields = device.fields();
     Frame status;
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         if (fields == mPostedFields)
             status = mPostedStatus;
     }
     if (!status) {
         status = statusFrame(fields);
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         std::swap(mPostedFields, fields);
         mPostedStatus = status;
     }
@@ -161,7 +161,7 @@ Ref<__VellReceipt> __VellDeviceCenter::newReceipt() const {
     auto receipt = Ref<__VellReceipt>::adopt(new __VellReceipt);
     receipt->ticket = makeString(process + "-" + std::to_string(++lastTicket));
     receipt->processIdentifier = makeString(process);
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     receipt->source = mSourceName;
     return receipt;
 }

@@ -5,9 +5,10 @@
 #include "DeviceRecord.h"
 #include "Server.h"
 
+#include <Base/Mutex.h>
+
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -64,10 +65,10 @@ private:
     std::unique_ptr<VellService::Client> mClient;
     std::atomic<bool> mStopRequested{false};
 
-    mutable std::mutex mMutex; // guards the fields below
-    std::vector<Observer> mObservers;
-    std::uint64_t mLastObserver = 0;
-    VellService::Ref<__VellString> mSourceName;
-    VellService::RecordFields mPostedFields; // as mPostedStatus says them
-    VellService::Frame mPostedStatus;
+    mutable Base::Mutex mMutex;
+    std::vector<Observer> mObservers GUARDED_BY(mMutex);
+    std::uint64_t mLastObserver GUARDED_BY(mMutex) = 0;
+    VellService::Ref<__VellString> mSourceName GUARDED_BY(mMutex);
+    VellService::RecordFields mPostedFields GUARDED_BY(mMutex); // as mPostedStatus says them
+    VellService::Frame mPostedStatus GUARDED_BY(mMutex);
 };

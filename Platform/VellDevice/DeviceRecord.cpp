@@ -94,7 +94,7 @@ std::string __VellDevice::description() const {
 
 Object* __VellDevice::duplicate() {
     auto* copy = new __VellDevice(kind);
-    copy->mFields = fields();
+    copy->replaceFields(fields());
     copy->link = link.load();
     return copy;
 }

@@ -2,9 +2,10 @@
 
 #include "Values.h"
 
+#include <Base/Mutex.h>
+
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 
 namespace VellService {
 
@@ -64,13 +65,13 @@ struct __VellDevice final : VellService::Object {
     // Reads a field under the record's lock.
     template <typename Function>
     auto read(Function function) const {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         return function(mFields);
     }
     // Changes fields under the record's lock; what is replaced is to be retired by the caller.
     template <typename Function>
     void write(Function function) {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         function(mFields);
     }
 
@@ -79,6 +80,6 @@ struct __VellDevice final : VellService::Object {
     std::atomic<VellService::LinkIdentifier> link{VellService::kNoLink};
 
 private:
-    mutable std::mutex mMutex; // guards mFields
-    VellService::RecordFields mFields;
+    mutable Base::Mutex mMutex;
+    VellService::RecordFields mFields GUARDED_BY(mMutex);
 };

@@ -26,7 +26,7 @@ FrameChannel::~FrameChannel() {
 
 void FrameChannel::start(Handlers handlers) {
     mHandlers = std::move(handlers);
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     mSource = std::make_unique<CoreFoundation::FileSource>(
         mLoop, mSocket.get(), EPOLLIN, [channel = weak_from_this()](std::uint32_t events) {
             const auto self = channel.lock();
@@ -44,7 +44,7 @@ void FrameChannel::close() {
     mAtEnd = true;
     mHandlers = {};
     std::unique_ptr<CoreFoundation::FileSource> source;
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     source = std::move(mSource);
     giveUp();
 }
@@ -113,7 +113,7 @@ void FrameChannel::end() {
 void FrameChannel::send(const Frame& frame) {
     if (!frame)
         return;
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     if (mGivenUp)
         return;
     if (mWaitingBytes + frame->size() > kMaximumWaiting) {
@@ -131,14 +131,14 @@ void FrameChannel::send(const Frame& frame) {
 bool FrameChannel::flush() {
     if (!mHasWaiting)
         return true;
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     if (mSource)
         writeWaiting();
     return mWaiting.empty() || !mSource;
 }
 
 void FrameChannel::hangUp() {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     giveUp();
 }
 

@@ -4,13 +4,13 @@
 #include "Wire.h"
 
 #include <Base/FileDescriptor.h>
+#include <Base/Mutex.h>
 #include <CoreFoundation/RunLoop.h>
 
 #include <atomic>
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace VellService {
@@ -54,9 +54,8 @@ private:
     void deliverNext();
     void enqueueDelivery();
     void end();
-    // With mMutex held.
-    void writeWaiting();
-    void giveUp();
+    void writeWaiting() REQUIRES(mMutex);
+    void giveUp() REQUIRES(mMutex);
 
     const CFRunLoopRef mLoop;
     const std::string mPeer;
@@ -68,16 +67,17 @@ private:
     bool mDelivering = false; // a delivery event is queued or running
     bool mAtEnd = false;      // nothing more will be read
 
-    // Guards the fields below. A leaf but for the log: no handler is called while it is held.
-    std::mutex mMutex;
-    std::unique_ptr<CoreFoundation::FileSource> mSource; // null before the start and after the end
-    std::deque<Frame> mWaiting;
+    // A leaf but for the log: no handler is called while it is held.
+    Base::Mutex mMutex;
+    std::unique_ptr<CoreFoundation::FileSource>
+        mSource GUARDED_BY(mMutex); // null before the start and after the end
+    std::deque<Frame> mWaiting GUARDED_BY(mMutex);
     std::atomic<bool> mHasWaiting{
         false}; // set under the lock; to see without it that there is nothing to flush
-    std::size_t mWaitingBytes = 0;
-    std::size_t mFirstWritten = 0; // bytes of the first waiting frame that have left
-    bool mWatchesWriting = false;
-    bool mGivenUp = false; // nothing more will be written
+    std::size_t mWaitingBytes GUARDED_BY(mMutex) = 0;
+    std::size_t mFirstWritten GUARDED_BY(mMutex) = 0; // bytes of the first waiting frame that have left
+    bool mWatchesWriting GUARDED_BY(mMutex) = false;
+    bool mGivenUp GUARDED_BY(mMutex) = false; // nothing more will be written
 };
 
 } // namespace VellService

@@ -67,7 +67,7 @@ std::string __VellHardwareDevice::description() const {
 bool __VellHardwareDevice::hasSibling(int vendor, int product) {
     bool isMissing = false;
     auto current = HardwareDescription::read(mFile, isMissing);
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     if (current)
         mSiblings = std::move(current->siblings);
     else if (isMissing)

@@ -2,8 +2,9 @@
 
 #include "Values.h"
 
+#include <Base/Mutex.h>
+
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -47,6 +48,6 @@ struct __VellHardwareDevice final : VellService::Object {
 private:
     const std::string mFile;
     const std::string mPath;
-    std::mutex mMutex; // guards mSiblings
-    std::vector<VellService::HardwareDescription::Identifier> mSiblings;
+    Base::Mutex mMutex;
+    std::vector<VellService::HardwareDescription::Identifier> mSiblings GUARDED_BY(mMutex);
 };

@@ -39,8 +39,8 @@ private:
     void forgetManager();
 
     const CFRunLoopRef mLoop;
-    std::mutex mMutex;               // guards mManager
-    __VellHardwareManager* mManager; // not held; null once the search has ended
+    Base::Mutex mMutex;
+    __VellHardwareManager* mManager GUARDED_BY(mMutex); // not held; null once the search has ended
     std::string mFolder;
     std::unique_ptr<FolderWatch> mWatch;
     std::map<std::string, Ref<__VellHardwareDevice>> mDevices; // reported as matching, by file
@@ -75,13 +75,13 @@ void HardwareSearch::begin() {
 }
 
 Ref<__VellHardwareManager> HardwareSearch::manager() {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     return mManager && mManager->tryRetain() ? Ref<__VellHardwareManager>::adopt(mManager)
                                              : Ref<__VellHardwareManager>();
 }
 
 void HardwareSearch::forgetManager() {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     mManager = nullptr;
 }
 
@@ -177,24 +177,24 @@ __VellHardwareManager::~__VellHardwareManager() {
 }
 
 void __VellHardwareManager::setMatchObserver(Observer observer) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     mMatch = observer;
 }
 
 void __VellHardwareManager::setRemovalObserver(Observer observer) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     mRemoval = observer;
 }
 
 void __VellHardwareManager::setCriteria(Ref<__VellDictionary> criteria) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     std::swap(mCriteria, criteria);
 }
 
 void __VellHardwareManager::open() {
     std::shared_ptr<HardwareSearch> search;
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         if (mSearch)
             return;
         search = mSearch = std::make_shared<HardwareSearch>(CFRunLoopGetCurrent(), *this);
@@ -205,7 +205,7 @@ void __VellHardwareManager::open() {
 void __VellHardwareManager::close() {
     std::shared_ptr<HardwareSearch> search;
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         search.swap(mSearch);
     }
     if (search)
@@ -216,7 +216,7 @@ void __VellHardwareManager::deliver(const HardwareSearch& search, const Ref<__Ve
                                     bool isMatch) {
     Observer observer;
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         if (mSearch.get() != &search)
             return; // closed meanwhile
         observer = isMatch ? mMatch : mRemoval;
@@ -226,7 +226,7 @@ void __VellHardwareManager::deliver(const HardwareSearch& search, const Ref<__Ve
 }
 
 bool __VellHardwareManager::accepts(const HardwareDescription& description) const {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     return !mCriteria || description.matches(*mCriteria);
 }
 

@@ -3,9 +3,10 @@
 #include "FolderWatch.h"
 #include "HardwareDevice.h"
 
+#include <Base/Mutex.h>
+
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace VellService {
@@ -39,9 +40,9 @@ private:
                  const VellService::Ref<__VellHardwareDevice>& device, bool isMatch);
     bool accepts(const VellService::HardwareDescription& description) const;
 
-    mutable std::mutex mMutex; // guards the fields below; not held while a callback runs
-    Observer mMatch;
-    Observer mRemoval;
-    VellService::Ref<__VellDictionary> mCriteria;
-    std::shared_ptr<VellService::HardwareSearch> mSearch; // from open to close
+    mutable Base::Mutex mMutex; // not held while a callback runs
+    Observer mMatch GUARDED_BY(mMutex);
+    Observer mRemoval GUARDED_BY(mMutex);
+    VellService::Ref<__VellDictionary> mCriteria GUARDED_BY(mMutex);
+    std::shared_ptr<VellService::HardwareSearch> mSearch GUARDED_BY(mMutex); // from open to close
 };

@@ -2,6 +2,7 @@
 #include "RuntimeFolder.h"
 
 #include <Base/FileDescriptor.h>
+#include <Base/Mutex.h>
 #include <CoreFoundation/Object.h>
 
 #include <fcntl.h>
@@ -17,7 +18,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -66,8 +66,8 @@ private:
     void useStandardError();
     void complain(const std::string& problem);
 
-    std::mutex mMutex; // guards the change of file and mFile
-    int mFile = -1;    // the descriptor of every log file, once there has been one
+    Base::Mutex mMutex;                // one change of file at a time
+    int mFile GUARDED_BY(mMutex) = -1; // the descriptor of every log file, once there has been one
     std::atomic<int> mDescriptor{STDERR_FILENO};
     std::atomic<Level> mLowest;
     std::atomic<bool> mComplained{false};
@@ -97,7 +97,7 @@ void Output::useStandardError() {
 }
 
 void Output::setFile(const char* name) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     mComplained = false;
     if (!name || !*name)
         return useStandardError();

@@ -9,13 +9,13 @@ Retired& Retired::shared() {
 }
 
 void Retired::add(Ref<Object> value) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     mValues.push_back(std::move(value));
 }
 
 void Retired::freeAll() {
     std::vector<Ref<Object>> values;
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     values.swap(mValues);
 }
 

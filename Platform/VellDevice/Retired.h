@@ -2,7 +2,8 @@
 
 #include "Object.h"
 
-#include <mutex>
+#include <Base/Mutex.h>
+
 #include <vector>
 
 namespace VellService {
@@ -19,8 +20,8 @@ public:
     void freeAll();
 
 private:
-    std::mutex mMutex; // guards mValues; a leaf: nothing is called while it is held
-    std::vector<Ref<Object>> mValues;
+    Base::Mutex mMutex; // a leaf: nothing is called while it is held
+    std::vector<Ref<Object>> mValues GUARDED_BY(mMutex);
 };
 
 } // namespace VellService

@@ -39,7 +39,7 @@ Server::~Server() {
 void Server::listen(const __VellString& source) {
     const std::string path = socketPath(source.text);
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         if (mListener) {
             VellLogError("[Server] - already listening on %s\n", mListener->socket.path().c_str());
             return;
@@ -62,7 +62,7 @@ std::optional<std::string> Server::tryToListen(const std::string& path) {
                 if (const auto strong = weak.lock())
                     acceptClients(strong);
             });
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         if (mPath != path)
             return std::nullopt; // closed meanwhile
         VellLogInfo("[Server] - listening on %s\n", listener->socket.path().c_str());
@@ -76,7 +76,7 @@ std::optional<std::string> Server::tryToListen(const std::string& path) {
 void Server::listenAgain() {
     std::optional<std::string> path;
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         path = mPath;
     }
     if (path && tryToListen(*path))
@@ -130,7 +130,7 @@ void Server::admit(Base::FileDescriptor socket) {
     const auto channel = std::make_shared<FrameChannel>(std::move(socket), mLoop,
                                                         "client process " + std::to_string(credentials.pid));
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         if (!mListener)
             return;
         sender.connection = ++mLastClient;
@@ -164,13 +164,13 @@ bool Server::receive(std::string_view payload, const Sender& sender) {
 }
 
 void Server::setServed(ConnectionIdentifier client) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     mServed = client;
 }
 
 void Server::remove(ConnectionIdentifier client) {
     std::shared_ptr<FrameChannel> channel;
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     const auto found = mClients.find(client);
     if (found == mClients.end())
         return;
@@ -180,7 +180,7 @@ void Server::remove(ConnectionIdentifier client) {
 
 std::vector<std::shared_ptr<FrameChannel>> Server::channels() const {
     std::vector<std::shared_ptr<FrameChannel>> all;
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     all.reserve(mClients.size());
     for (const auto& [identifier, channel] : mClients)
         all.push_back(channel);
@@ -190,7 +190,7 @@ std::vector<std::shared_ptr<FrameChannel>> Server::channels() const {
 void Server::publish(const Frame& status) {
     if (!status)
         return;
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     const CFAbsoluteTime now = CFAbsoluteTimeGetCurrent();
     const bool isNews = !mPublished || (mPublished != status && *mPublished != *status);
     const bool isForAll =
@@ -204,25 +204,25 @@ void Server::publish(const Frame& status) {
 }
 
 void Server::forgetPublished() {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     mPublished = nullptr;
 }
 
 void Server::broadcast(const Frame& frame) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     for (const auto& [identifier, channel] : mClients)
         channel->send(frame);
 }
 
 void Server::send(ConnectionIdentifier client, const Frame& frame) {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     const auto found = mClients.find(client);
     if (found != mClients.end())
         found->second->send(frame);
 }
 
 void Server::flush() {
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     for (const auto& [identifier, channel] : mClients)
         channel->flush();
 }
@@ -230,7 +230,7 @@ void Server::flush() {
 void Server::close() {
     std::shared_ptr<Listener> listener;
     {
-        const std::lock_guard lock(mMutex);
+        const Base::Lock lock(mMutex);
         mPath.reset();
         listener.swap(mListener);
     }
@@ -261,7 +261,7 @@ void Server::disposeOf(const std::shared_ptr<Listener>& listener,
         listener->source.reset();
     for (const auto& channel : ended)
         channel->close();
-    const std::lock_guard lock(mMutex);
+    const Base::Lock lock(mMutex);
     std::erase_if(mClients, [&](const auto& entry) {
         return std::find(ended.begin(), ended.end(), entry.second) != ended.end();
     });

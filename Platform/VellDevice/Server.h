@@ -4,10 +4,11 @@
 #include "FrameChannel.h"
 #include "ServerSocket.h"
 
+#include <Base/Mutex.h>
+
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -65,15 +66,15 @@ private:
     Delay mAcceptPause;
     bool mIsShort = false; // of descriptors; one log line for one shortage. The loop's thread only
 
-    // Guards the fields below, so that every client sees posts in one order. Taken before a channel's lock.
-    mutable std::mutex mMutex;
-    std::optional<std::string> mPath; // of the socket to listen at, until close
-    std::shared_ptr<Listener> mListener;
-    std::map<ConnectionIdentifier, std::shared_ptr<FrameChannel>> mClients;
-    ConnectionIdentifier mLastClient = kOwnConnection;
-    ConnectionIdentifier mServed = kOwnConnection; // whose command is being handled
-    Frame mPublished;
-    CFAbsoluteTime mPublishedToAll = 0;
+    // Every client sees posts in one order. Taken before a channel's lock.
+    mutable Base::Mutex mMutex;
+    std::optional<std::string> mPath GUARDED_BY(mMutex); // of the socket to listen at, until close
+    std::shared_ptr<Listener> mListener GUARDED_BY(mMutex);
+    std::map<ConnectionIdentifier, std::shared_ptr<FrameChannel>> mClients GUARDED_BY(mMutex);
+    ConnectionIdentifier mLastClient GUARDED_BY(mMutex) = kOwnConnection;
+    ConnectionIdentifier mServed GUARDED_BY(mMutex) = kOwnConnection; // whose command is being handled
+    Frame mPublished GUARDED_BY(mMutex);
+    CFAbsoluteTime mPublishedToAll GUARDED_BY(mMutex) = 0;
 };
 
 } // namespace VellService

@@ -1,6 +1,7 @@
 #include "Values.h"
 
 #include <Base/File.h>
+#include <Base/Mutex.h>
 #include <Base/Number.h>
 
 #include <fcntl.h>
@@ -12,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <mutex>
 #include <optional>
 
 using namespace VellService;
@@ -99,13 +99,13 @@ VellStringRef VellStringCreateWithCStringUsingEncoding(const char* text, int) {
 VellStringRef VellConstStringCreateWithCString(const char* text) {
     // Never destroyed: threads may outlive the static objects.
     struct Table {
-        std::mutex mutex; // guards strings
-        std::unordered_map<std::string, VellStringRef> strings;
+        Base::Mutex mutex;
+        std::unordered_map<std::string, VellStringRef> strings GUARDED_BY(mutex);
     };
     static Table& table = *new Table;
     if (!text)
         return nullptr;
-    const std::lock_guard lock(table.mutex);
+    const Base::Lock lock(table.mutex);
     VellStringRef& string = table.strings[text];
     if (!string) {
         string = new __VellString(text);

@@ -144,7 +144,7 @@ void DevicePlugin::start() {
     startWithoutRunLoop();
     bool endedMeanwhile = false;
     {
-        const std::lock_guard lock(mRunStateLock);
+        const Base::Lock lock(mRunStateLock);
         endedMeanwhile = mExiting;
         mRunLoopRunning = !endedMeanwhile;
     }
@@ -156,7 +156,7 @@ void DevicePlugin::start() {
     DeviceCenter::sharedDeviceCenter()->startRunLoop();
     bool exiting = false;
     {
-        const std::lock_guard lock(mRunStateLock);
+        const Base::Lock lock(mRunStateLock);
         exiting = mExiting;
     }
     // The watcher thread ends the process, after it has tidied up. Returning now would let main's exit
@@ -185,7 +185,7 @@ void DevicePlugin::stop() {
     announceStatus();
     bool running = false;
     {
-        const std::lock_guard lock(mRunStateLock);
+        const Base::Lock lock(mRunStateLock);
         running = mRunLoopRunning;
     }
     if (running)
@@ -197,7 +197,7 @@ void DevicePlugin::exitDeviceService(int code) {
     VellLogDebug("[DevicePlugin::exitDeviceService] - error code: %d\n", code);
     bool endsProcess = false;
     {
-        const std::lock_guard lock(mRunStateLock);
+        const Base::Lock lock(mRunStateLock);
         mExitCode = code;
         mExiting = true;
         endsProcess = mRunLoopRunning;
@@ -214,7 +214,7 @@ void DevicePlugin::exitDeviceService(int code) {
 void DevicePlugin::removeLockFile() {
     std::string path;
     {
-        const std::lock_guard lock(mRunStateLock);
+        const Base::Lock lock(mRunStateLock);
         path = mLockFileName;
     }
     if (!path.empty())
@@ -223,7 +223,7 @@ void DevicePlugin::removeLockFile() {
 
 void DevicePlugin::runLoopOnce() {
     {
-        const std::lock_guard lock(mRunStateLock);
+        const Base::Lock lock(mRunStateLock);
         if (!mRunLoopRunning)
             return;
     }
@@ -238,24 +238,24 @@ void DevicePlugin::waitOneSecond() {
 }
 
 MutableDevice* DevicePlugin::device() {
-    const std::lock_guard lock(mRunStateLock);
+    const Base::Lock lock(mRunStateLock);
     if (mDevice == nullptr)
         mDevice = new MutableDevice();
     return mDevice;
 }
 
 bool DevicePlugin::isConnected() {
-    const std::lock_guard lock(mRunStateLock);
+    const Base::Lock lock(mRunStateLock);
     return mConnected;
 }
 
 void DevicePlugin::setConnected(bool connected) {
-    const std::lock_guard lock(mRunStateLock);
+    const Base::Lock lock(mRunStateLock);
     mConnected = connected;
 }
 
 int DevicePlugin::exitCode() {
-    const std::lock_guard lock(mRunStateLock);
+    const Base::Lock lock(mRunStateLock);
     return mExitCode;
 }
 

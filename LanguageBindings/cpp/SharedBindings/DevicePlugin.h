@@ -2,13 +2,15 @@
 
 #include "DeviceCenter.h"
 #include "Error.h"
+#include "Locks.h"
 #include "MeasurementSet.h"
 #include "ParentWatch.h"
 #include "Response.h"
 
+#include <Base/Mutex.h>
+
 #include <pthread.h>
 
-#include <mutex>
 #include <string>
 
 namespace VellDevice {
@@ -187,29 +189,29 @@ protected:
     void endParentWatch();
 
     pthread_mutex_t mSDKLock; // the subclass holds it around every call of the instrument SDK
-    pthread_mutex_t mDyingLock;
-    bool mDying = false; // guarded by mDyingLock
+    PthreadMutex mDyingLock;
+    bool mDying GUARDED_BY(mDyingLock) = false;
     VellHardwareManagerRef mHardwareManager;
     bool mAutoCalibratesOnButtonPress = true;
     bool mRegistered = false;
-    VellDictionaryRef mCommands = nullptr;     // command name to array of argument names
-    int mPollingCount = 0;                     // guarded by mPollingLock
-    CFRunLoopTimerRef mPollingTimer = nullptr; // guarded by mPollingLock
-    pthread_mutex_t mPollingLock;
+    VellDictionaryRef mCommands = nullptr; // command name to array of argument names
+    int mPollingCount GUARDED_BY(mPollingLock) = 0;
+    CFRunLoopTimerRef mPollingTimer GUARDED_BY(mPollingLock) = nullptr;
+    PthreadMutex mPollingLock;
     CFRunLoopTimerRef mLockTimer = nullptr;
     std::string mLockHolder;          // process identifier of the client that holds the device; "": nobody
     MutableDevice* mDevice = nullptr; // guarded by mRunStateLock until it is made
-    bool mConnected = false;          // guarded by mRunStateLock
+    bool mConnected GUARDED_BY(mRunStateLock) = false;
     VellStringRef mDevicePath;
     VellStringRef mPluginPath;
     VellLibraryRef mPluginLibrary;
     VellHardwareDeviceRef mHardwareDevice = nullptr;
     char mLogFileName[1024] = {};
-    int mExitCode = 0; // guarded by mRunStateLock
+    int mExitCode GUARDED_BY(mRunStateLock) = 0;
     pthread_mutex_t mConnectionLock;
-    std::string mLockFileName; // guarded by mRunStateLock
+    std::string mLockFileName GUARDED_BY(mRunStateLock);
     VellDictionaryRef mDeviceInfo;
-    bool mRunLoopRunning = false; // guarded by mRunStateLock
+    bool mRunLoopRunning GUARDED_BY(mRunStateLock) = false;
     ParentWatch mParentWatch;
 
 private:
@@ -241,11 +243,10 @@ private:
                                            DevicePluginConnectResult whenImpossible);
     bool disconnectLoggingExceptions(const char* exceptionText);
 
-    // Guards what the watcher thread shares with the main thread: mConnected, mExitCode, mRunLoopRunning,
-    // mLockFileName, mExiting, and the making of mDevice. Nothing else is locked or called under it, but what
-    // makes the record.
-    std::mutex mRunStateLock;
-    bool mExiting = false; // exitDeviceService has begun
+    // For what the watcher thread shares with the main thread, the making of mDevice included. Nothing else
+    // is locked or called under it, but what makes the record.
+    Base::Mutex mRunStateLock;
+    bool mExiting GUARDED_BY(mRunStateLock) = false; // exitDeviceService has begun
 
     pthread_t mParentThread{};
     bool mParentThreadRuns = false;

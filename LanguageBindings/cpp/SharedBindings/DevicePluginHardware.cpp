@@ -123,7 +123,7 @@ void DevicePlugin::didAttach(const VellHardwareDeviceRef& device) {
     {
         std::string lockFileName;
         GlobalLock::EncodeMutexNameForPlatform(path, lockFileName);
-        const std::lock_guard lock(mRunStateLock);
+        const Base::Lock lock(mRunStateLock);
         mLockFileName = lockFileName;
     }
     const GlobalLock deviceLock(path);

@@ -27,25 +27,25 @@ bool ParentWatch::parentIsGone() const {
 }
 
 bool ParentWatch::waitUntilGone() {
-    std::unique_lock lock(mLock);
+    const Base::Lock lock(mLock);
     while (!mRetired) {
         if (mArmed && parentIsGone())
             return true;
-        mChanged.wait_for(lock, kCheckInterval);
+        mChanged.waitUntil(mLock, std::chrono::steady_clock::now() + kCheckInterval);
     }
     return false;
 }
 
 void ParentWatch::arm() {
-    const std::lock_guard lock(mLock);
+    const Base::Lock lock(mLock);
     mArmed = true;
-    mChanged.notify_all();
+    mChanged.notifyAll();
 }
 
 void ParentWatch::retire() {
-    const std::lock_guard lock(mLock);
+    const Base::Lock lock(mLock);
     mRetired = true;
-    mChanged.notify_all();
+    mChanged.notifyAll();
 }
 
 } // namespace VellDevice

@@ -1,9 +1,8 @@
 #pragma once
 
-#include <sys/types.h>
+#include <Base/Mutex.h>
 
-#include <condition_variable>
-#include <mutex>
+#include <sys/types.h>
 
 namespace VellDevice {
 
@@ -29,10 +28,10 @@ private:
 
     const pid_t mParent;
     const bool mParentIsProcess1; // from the start, and rightly so
-    std::mutex mLock;             // guards mArmed and mRetired
-    std::condition_variable mChanged;
-    bool mArmed = false;
-    bool mRetired = false;
+    Base::Mutex mLock;
+    Base::Condition mChanged;
+    bool mArmed GUARDED_BY(mLock) = false;
+    bool mRetired GUARDED_BY(mLock) = false;
 };
 
 } // namespace VellDevice

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Locks.h"
+
 #include <CoreFoundation/CoreFoundation.h>
 
 #include <pthread.h>
@@ -34,8 +36,8 @@ private:
     void waitUntilPerformed();
 
     bool mDeleteAfterPerform = false;
-    bool mPerformed = false; // guarded by mPerformLock
-    pthread_mutex_t mPerformLock;
+    bool mPerformed GUARDED_BY(mPerformLock) = false;
+    PthreadMutex mPerformLock;
     CFRunLoopTimerRef mTimer = nullptr;
     pthread_cond_t mPerformedCondition; // signalled under mPerformLock when mPerformed turns true
 };
