@@ -53,10 +53,12 @@ Simulation settings(plist_t device, const std::string& path) {
     result.fault = stringIn(given, "Fault").value_or(std::string());
     result.presses = wholeNumber(numberIn(given, "Presses").value_or(0.0));
     result.table = Base::flagIn(given, "Table").value_or(true);
-    const std::string chart = stringIn(given, "Chart").value_or(std::string());
-    if (!chart.empty()) {
-        result.chart = (std::filesystem::path(path).parent_path() / chart).string();
-    }
+    const auto besideIt = [&](const char* key) {
+        const std::string file = stringIn(given, key).value_or(std::string());
+        return file.empty() ? file : (std::filesystem::path(path).parent_path() / file).string();
+    };
+    result.chart = besideIt("Chart");
+    result.recording = besideIt("Recording");
     return result;
 }
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 
@@ -327,6 +328,39 @@ void Instrument::triStimulus(float out[3], int index) {
     out[0] = static_cast<float>(lab.l);
     out[1] = static_cast<float>(lab.a);
     out[2] = static_cast<float>(lab.b);
+}
+
+std::shared_ptr<const RecordedEvent> Instrument::play(Player& player, std::string_view call,
+                                                      const std::string& arguments) {
+    const Player::Answer answer = player.answer(call, arguments);
+    if (!answer.event) {
+        mSimulation.setLastError(answer.problem);
+        if (answer.isFirstProblem) {
+            std::fprintf(stderr, "TaviSDK: %s\n", answer.problem.c_str());
+        }
+        return nullptr;
+    }
+    double passed = 0.0;
+    const auto passUntil = [&](double seconds) {
+        // The other thread's turn depends on what people and programs do, which no time scale makes faster.
+        answer.handsOver ? mSimulation.hang(seconds - passed) : mSimulation.pass(seconds - passed);
+        passed = seconds;
+    };
+    const auto send = [&](const Player::Message& message) {
+        mButton.send(message.message, message.text);
+        mFollower.wake();
+    };
+    for (const auto& [seconds, message] : answer.during) {
+        passUntil(seconds);
+        send(message);
+    }
+    if (answer.event->changes()) {
+        passUntil(answer.event->took);
+    }
+    for (const Player::Message& message : answer.after) {
+        send(message);
+    }
+    return answer.event;
 }
 
 void Instrument::setMessageHandler(Tavi_DeviceMessageHandler handler) {

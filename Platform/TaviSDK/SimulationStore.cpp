@@ -46,9 +46,9 @@ std::string repair(Simulation& simulation) {
 
 } // namespace
 
-SimulationStore::ChartFile SimulationStore::look(const std::string& path) {
+SimulationStore::LoadedFile SimulationStore::look(const std::string& path) {
     struct stat status {};
-    ChartFile file;
+    LoadedFile file;
     file.path = path;
     if (!path.empty() && ::stat(path.c_str(), &status) == 0) {
         file.size = status.st_size;
@@ -59,7 +59,7 @@ SimulationStore::ChartFile SimulationStore::look(const std::string& path) {
 }
 
 std::string SimulationStore::load(const std::string& path) {
-    const ChartFile file = look(path);
+    const LoadedFile file = look(path);
     if (file == mChartFile) {
         return mChartProblem;
     }
@@ -79,6 +79,24 @@ std::string SimulationStore::load(const std::string& path) {
         }
     }
     return mChartProblem;
+}
+
+std::string SimulationStore::loadRecording(const std::string& path) {
+    const LoadedFile file = look(path);
+    if (file == mRecordingFile) {
+        return mRecordingProblem;
+    }
+    mRecordingFile = file;
+    mRecordingProblem.clear();
+    mPlayer.reset();
+    if (!path.empty()) {
+        try {
+            mPlayer = std::make_shared<Player>(readRecording(path), path);
+        } catch (const RecordingError& error) {
+            mRecordingProblem = error.what();
+        }
+    }
+    return mRecordingProblem;
 }
 
 std::optional<Fault> SimulationStore::understand(const std::string& setting) {
@@ -109,11 +127,17 @@ SimulationStore::Applied SimulationStore::apply(const Simulation& simulation) {
     applied.problems = repair(next->simulation);
     add(applied.problems, load(simulation.chart));
     next->chart = mChart;
+    const std::string recordingProblem = loadRecording(simulation.recording);
+    add(applied.problems, recordingProblem);
+    next->player = mPlayer;
+    if (!recordingProblem.empty()) {
+        next->simulation.table = false; // rather than another instrument than was asked for
+    }
     {
         const Base::Lock lock(mMutex);
         const Simulation& before = mState->simulation;
         applied.presses = std::max(0L, simulation.presses - before.presses);
-        next->tableLosses = mState->tableLosses + (before.table && !simulation.table ? 1 : 0);
+        next->tableLosses = mState->tableLosses + (before.table && !next->simulation.table ? 1 : 0);
         next->spectrophotometerLosses =
             mState->spectrophotometerLosses +
             (mState->hasSpectrophotometer() && !next->hasSpectrophotometer() ? 1 : 0);
@@ -126,6 +150,7 @@ SimulationStore::Applied SimulationStore::apply(const Simulation& simulation) {
         if (!applied.problems.empty()) {
             mLastError = applied.problems;
         }
+        mHasPlayer = next->player != nullptr;
         mState = std::move(next);
         mChanged.notifyAll();
     }
@@ -136,6 +161,10 @@ SimulationStore::Applied SimulationStore::apply(const Simulation& simulation) {
 std::shared_ptr<const SimulationStore::State> SimulationStore::state() const {
     const Base::Lock lock(mMutex);
     return mState;
+}
+
+std::shared_ptr<Player> SimulationStore::player() const {
+    return mHasPlayer ? state()->player : nullptr;
 }
 
 void SimulationStore::pass(double seconds) {

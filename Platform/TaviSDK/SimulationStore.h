@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Faults.h"
+#include "Player.h"
 #include "VirtualChart.h"
 #include "VirtualInstrument.h"
 
@@ -26,6 +27,7 @@ public:
     struct State {
         Simulation simulation;
         std::shared_ptr<const VirtualChart> chart = std::make_shared<VirtualChart>();
+        std::shared_ptr<Player> player; // when a recording is played back
         // How often table and spectrophotometer have gone so far, so that nobody misses that one went and
         // came back.
         unsigned long tableLosses = 0;
@@ -43,6 +45,9 @@ public:
     Applied apply(const Simulation& simulation);
     std::shared_ptr<const State> state() const;
 
+    // What plays a recording back, if one is.
+    std::shared_ptr<Player> player() const;
+
     // Lets seconds of the instrument's time pass; ends at once when no table answers any more.
     void pass(double seconds);
 
@@ -55,23 +60,27 @@ public:
     void setLastError(std::string text);
 
 private:
-    // A chart's file as it was when it was loaded.
-    struct ChartFile {
+    // A file as it was when it was loaded.
+    struct LoadedFile {
         std::string path;
         long long size = -1;
         long long changed = 0; // nanoseconds
         unsigned long long identity = 0;
-        bool operator==(const ChartFile&) const = default;
+        bool operator==(const LoadedFile&) const = default;
     };
-    static ChartFile look(const std::string& path);
+    static LoadedFile look(const std::string& path);
     std::string load(const std::string& path) REQUIRES(mApplyMutex);
+    std::string loadRecording(const std::string& path) REQUIRES(mApplyMutex);
     std::optional<Fault> understand(const std::string& setting) REQUIRES(mApplyMutex);
     void warn(const std::string& problems) REQUIRES(mApplyMutex);
 
     Base::Mutex mApplyMutex ACQUIRED_BEFORE(mMutex); // one change of the settings at a time
-    ChartFile mChartFile GUARDED_BY(mApplyMutex);
+    LoadedFile mChartFile GUARDED_BY(mApplyMutex);
     std::shared_ptr<const VirtualChart> mChart GUARDED_BY(mApplyMutex) = std::make_shared<VirtualChart>();
     std::string mChartProblem GUARDED_BY(mApplyMutex);
+    LoadedFile mRecordingFile GUARDED_BY(mApplyMutex);
+    std::shared_ptr<Player> mPlayer GUARDED_BY(mApplyMutex);
+    std::string mRecordingProblem GUARDED_BY(mApplyMutex);
     std::string mFaultProblem GUARDED_BY(mApplyMutex);
     std::string mProblems GUARDED_BY(mApplyMutex); // of the settings as they are, all in one
 
@@ -82,7 +91,8 @@ private:
     unsigned long mFaultSerial GUARDED_BY(mMutex) = 0; // counts changes of the fault setting
     std::string mLastError GUARDED_BY(mMutex);
 
-    std::atomic<bool> mHasFault{false}; // spares calls without a fault the mutex
+    std::atomic<bool> mHasFault{false};  // spares calls without a fault the mutex
+    std::atomic<bool> mHasPlayer{false}; // the same
 };
 
 } // namespace TaviSDK

@@ -4,7 +4,10 @@
 #include "Instrument.h"
 #include "Status.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <memory>
+#include <string_view>
 
 namespace TaviSDK {
 
@@ -74,13 +77,55 @@ std::optional<int> intercept(const char* name, const Arguments& arguments) {
     return fault->status;
 }
 
-// One call that answers with a status.
-template <typename Arguments, typename Body>
-int call(const char* name, const Arguments& arguments, const Body& body) {
+void appendArgument(std::string& json, const char* text) {
+    appendText(json, text);
+}
+
+template <typename Number>
+void appendArgument(std::string& json, Number number) {
+    appendNumber(json, number);
+}
+
+// A call's arguments, and where its results go, for the time in which a recording is played back.
+template <typename Take, typename... Given>
+auto recordedAs(Take take, Given... given) {
+    return [=](Instrument& instrument, Player& player, const char* name) {
+        std::string arguments;
+        [[maybe_unused]] const auto append = [&](const auto& argument) {
+            arguments += arguments.empty() ? "" : ",";
+            appendArgument(arguments, argument);
+        };
+        (append(given), ...);
+        const std::shared_ptr<const RecordedEvent> event = instrument.play(player, name, arguments);
+        if (!event) {
+            return static_cast<int>(Status::NotAsRecorded);
+        }
+        if (event->exception) {
+            throw Exception(*event->exception);
+        }
+        take(*event);
+        return event->status;
+    };
+}
+
+void takeNothing(const RecordedEvent&) {}
+
+auto takeValues(float* out) {
+    return [out](const RecordedEvent& event) {
+        std::copy(event.values.begin(), event.values.end(), out);
+    };
+}
+
+// One call that answers with a status. While a recording is played back, `playBack` is in the body's place.
+template <typename Arguments, typename Body, typename PlayBack>
+int call(const char* name, const Arguments& arguments, const Body& body, const PlayBack& playBack) {
     if (const std::optional<int> status = intercept(name, arguments)) {
         return *status;
     }
     Instrument& instrument = Instrument::instance();
+    if (const std::shared_ptr<Player> player = instrument.simulation().player()) {
+        return playBack(instrument, *player, name);
+    }
     try {
         body(instrument);
         return static_cast<int>(Status::Ok);
@@ -106,15 +151,20 @@ using TaviSDK::Instrument;
 int Tavi_SetOption(const char* key, const char* value) {
     return TaviSDK::call(
         "Tavi_SetOption", [&] { return std::string(TaviSDK::orNull(key)) + "=" + TaviSDK::orNull(value); },
-        [&](Instrument& instrument) { instrument.setOption(key, value); });
+        [&](Instrument& instrument) { instrument.setOption(key, value); },
+        TaviSDK::recordedAs(TaviSDK::takeNothing, key, value));
 }
 
 const char* Tavi_GetOption(const char* key) {
     std::optional<std::string> text;
     const int status = TaviSDK::call(
         "Tavi_GetOption", [&] { return std::string(TaviSDK::orNull(key)); },
-        [&](Instrument& instrument) { text = instrument.option(key); });
-    if (status != 0 || !text) {
+        [&](Instrument& instrument) { text = instrument.option(key); },
+        TaviSDK::recordedAs([&](const TaviSDK::RecordedEvent& event) { text = event.text; }, key));
+    if (status == static_cast<int>(TaviSDK::Status::NotAsRecorded) && key != nullptr &&
+        std::string_view(key) == "LastError") {
+        text = Instrument::instance().simulation().lastError();
+    } else if (status != 0 || !text) {
         return nullptr;
     }
     TaviSDK::lentText = std::move(*text);
@@ -123,64 +173,82 @@ const char* Tavi_GetOption(const char* key) {
 
 int Tavi_IsTableConnected() {
     return TaviSDK::call("Tavi_IsTableConnected", TaviSDK::none,
-                         [](Instrument& instrument) { instrument.checkConnected(); });
+                         [](Instrument& instrument) { instrument.checkConnected(); },
+                         TaviSDK::recordedAs(TaviSDK::takeNothing));
 }
 
 int Tavi_GoToHomePosition() {
     return TaviSDK::call("Tavi_GoToHomePosition", TaviSDK::none,
-                         [](Instrument& instrument) { instrument.goHome(); });
+                         [](Instrument& instrument) { instrument.goHome(); },
+                         TaviSDK::recordedAs(TaviSDK::takeNothing));
 }
 
 int Tavi_SetPosition(float x, float y) {
     return TaviSDK::call(
         "Tavi_SetPosition", [&] { return TaviSDK::positionText(x, y); },
-        [&](Instrument& instrument) { instrument.setPosition(x, y); });
+        [&](Instrument& instrument) { instrument.setPosition(x, y); },
+        TaviSDK::recordedAs(TaviSDK::takeNothing, x, y));
 }
 
 int Tavi_GetPosition(float* x, float* y) {
     return TaviSDK::call("Tavi_GetPosition", TaviSDK::none,
-                         [&](Instrument& instrument) { instrument.position(*x, *y); });
+                         [&](Instrument& instrument) { instrument.position(*x, *y); },
+                         TaviSDK::recordedAs([&](const TaviSDK::RecordedEvent& event) {
+                             if (event.values.size() == 2) {
+                                 *x = event.values[0];
+                                 *y = event.values[1];
+                             }
+                         }));
 }
 
 int Tavi_Calibrate() {
     return TaviSDK::call("Tavi_Calibrate", TaviSDK::none,
-                         [](Instrument& instrument) { instrument.calibrate(); });
+                         [](Instrument& instrument) { instrument.calibrate(); },
+                         TaviSDK::recordedAs(TaviSDK::takeNothing));
 }
 
 int Tavi_TriggerMeasurement() {
     return TaviSDK::call("Tavi_TriggerMeasurement", TaviSDK::none,
-                         [](Instrument& instrument) { instrument.triggerMeasurement(); });
+                         [](Instrument& instrument) { instrument.triggerMeasurement(); },
+                         TaviSDK::recordedAs(TaviSDK::takeNothing));
 }
 
 int Tavi_Scan(float fromX, float fromY, float toX, float toY) {
     return TaviSDK::call(
         "Tavi_Scan",
         [&] { return TaviSDK::positionText(fromX, fromY) + "," + TaviSDK::positionText(toX, toY); },
-        [&](Instrument& instrument) { instrument.scan(fromX, fromY, toX, toY); });
+        [&](Instrument& instrument) { instrument.scan(fromX, fromY, toX, toY); },
+        TaviSDK::recordedAs(TaviSDK::takeNothing, fromX, fromY, toX, toY));
 }
 
 int Tavi_GetNumberOfAvailableSamples() {
     int count = 0;
     const int status = TaviSDK::call("Tavi_GetNumberOfAvailableSamples", TaviSDK::none,
-                                     [&](Instrument& instrument) { count = instrument.sampleCount(); });
+                                     [&](Instrument& instrument) { count = instrument.sampleCount(); },
+                                     TaviSDK::recordedAs(TaviSDK::takeNothing));
     return status != 0 ? status : count;
 }
 
 int Tavi_GetSpectrum(float out[36], int index) {
     return TaviSDK::call(
         "Tavi_GetSpectrum", [&] { return std::to_string(index); },
-        [&](Instrument& instrument) { instrument.spectrum(out, index); });
+        [&](Instrument& instrument) { instrument.spectrum(out, index); },
+        TaviSDK::recordedAs(TaviSDK::takeValues(out), index));
 }
 
 int Tavi_GetTriStimulus(float out[3], int index) {
     return TaviSDK::call(
         "Tavi_GetTriStimulus", [&] { return std::to_string(index); },
-        [&](Instrument& instrument) { instrument.triStimulus(out, index); });
+        [&](Instrument& instrument) { instrument.triStimulus(out, index); },
+        TaviSDK::recordedAs(TaviSDK::takeValues(out), index));
 }
 
 void Tavi_RegisterDeviceMessageHandler(Tavi_DeviceMessageHandler handler) {
     TaviSDK::call(
         "Tavi_RegisterDeviceMessageHandler",
         [&] { return std::string(handler != nullptr ? "handler" : "null"); },
-        [&](Instrument& instrument) { instrument.setMessageHandler(handler); });
+        [&](Instrument& instrument) { instrument.setMessageHandler(handler); },
+        TaviSDK::recordedAs(
+            [&](const TaviSDK::RecordedEvent&) { Instrument::instance().setMessageHandler(handler); },
+            handler != nullptr ? "handler" : static_cast<const char*>(nullptr)));
 }

@@ -14,6 +14,7 @@ struct Simulation {
     std::string identifier; // what the table calls itself; begins the device path of its plug-in
     std::string serialNumber = "TT-000001"; // of the table
     std::string chart;                      // layout file of the chart that lies on the table; "": bare paper
+    std::string recording; // file to be played back in place of the virtual instrument; "": none
     double timeScale = 1.0;                 // 1: as slow as the real table, 0: at once
     double noise = 0.0;                     // standard deviation of a reading's spectral values
     std::string fault;             // "CALL:N:STATUS", "CALL:N:throw" or "CALL:N:hang=SECONDS"; "": none
@@ -23,7 +24,8 @@ struct Simulation {
 };
 
 // Replaces the settings, as a change of the hardware file would. A chart that cannot be loaded is reported
-// through "LastError" (and the return value: "" or file, line and reason) and leaves bare paper. Any thread.
+// through "LastError" (and the return value: "" or file, line and reason) and leaves bare paper; with a
+// recording that cannot be, no table answers. A recording that was changed begins anew. Any thread.
 std::string setSimulation(const Simulation& simulation);
 Simulation simulation();
 

@@ -79,6 +79,7 @@ public:
         addScan();
         addPlaces();
         addSimulate();
+        addRecording();
     }
 
     CLI::App& app() { return mApp; }
@@ -99,6 +100,7 @@ private:
     void addTimeScale(CLI::App& command);
     void addPlacement(CLI::App& command, PlacementRequest& placement);
     void addSimulate();
+    void addRecording();
 
     CommandLine& mLine;
     CLI::App mApp{
@@ -118,9 +120,16 @@ void Grammar::addOptions() {
     mApp.add_flag("--json", options.json, "One JSON object per line on standard output");
     mApp.add_option("--simulated", options.simulated, "Use a virtual table of its own, with this chart on it")
         ->type_name("LAYOUT");
+    mApp.add_option("--replayed", options.replayed,
+                    "The same, with a recording that is played back in the virtual table's place")
+        ->type_name("FILE")
+        ->excludes("--simulated");
     mApp.add_option("--noise", options.noise, "Of the --simulated table's readings (standard deviation)")
         ->type_name("F")
         ->check(kNotNegative);
+    mApp.add_option("--record", options.record,
+                    "Record what passes between the plug-in and the --simulated table")
+        ->type_name("FILE");
 }
 
 void Grammar::addInformation() {
@@ -278,6 +287,9 @@ void Grammar::addSimulate() {
         ->type_name("TEXT");
     simulate.add_option("--chart", changes->chart, "Layout of the chart on the table; \"\" for bare paper")
         ->type_name("FILE");
+    simulate
+        .add_option("--recording", changes->recording, "Recording to be played back, in the chart's place")
+        ->type_name("FILE");
     simulate.add_option("--time-scale", changes->timeScale, "1: as slow as the real table, 0: at once")
         ->type_name("F")
         ->check(kNotNegative);
@@ -296,6 +308,16 @@ void Grammar::addSimulate() {
         ->type_name("on|off")
         ->check(kOnOrOff);
     simulate.add_flag("--press", changes->press, "Press the button once");
+}
+
+void Grammar::addRecording() {
+    const auto file = std::make_shared<std::string>();
+    const auto anonymous = std::make_shared<bool>(false);
+    CLI::App& recording =
+        add("recording", "Tells what is in a recording of a session with the instrument",
+            [file, anonymous](Context& context) { commands::recording(context, *file, *anonymous); });
+    recording.add_option("FILE", *file, "What --record wrote")->type_name("")->required();
+    recording.add_flag("--anonymous", *anonymous, "Write the recording without serial numbers, and no more");
 }
 
 // Shows the help that was asked for, or says what is wrong with the command line. The exit status.

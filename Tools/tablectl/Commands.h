@@ -38,7 +38,8 @@ struct SimulationChanges {
     std::optional<std::string> serial;
     std::optional<std::string> identifier;
     std::optional<std::string> chart; // "" for bare paper
-    std::optional<std::string> fault; // "" for none
+    std::optional<std::string> recording; // to be played back; "" for none
+    std::optional<std::string> fault;     // "" for none
     std::optional<double> timeScale;
     std::optional<double> noise;
     std::optional<bool> table;
@@ -72,6 +73,9 @@ void spot(Context& context, const Color::Point& place, int count);
 // Scan.cpp and SimulateCommand.cpp
 void scan(Context& context, const ScanRequest& request);
 void simulate(Context& context, const SimulationChanges& changes);
+
+// RecordingCommand.cpp: what is in a recording; or the recording itself, without serial numbers.
+void recording(Context& context, const std::string& file, bool anonymous);
 
 } // namespace commands
 

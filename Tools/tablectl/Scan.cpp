@@ -250,6 +250,8 @@ void checkFiles(const ScanRequest& request, const Options& options) {
             if (!read.empty() && isSameFile(file, read))
                 throw UsageFailure(file + ": the scan would replace the layout");
         }
+        if (isSameFile(file, options.replayed.value_or("")) || isSameFile(file, options.record))
+            throw UsageFailure(file + ": the scan would replace the recording");
         checkWritable(file);
     }
     if (!request.reportFile.empty() && isSameFile(request.outputFile, request.reportFile))

@@ -3,6 +3,7 @@
 #include "Commands.h"
 #include "Errors.h"
 #include "HardwareFile.h"
+#include "RecordingFile.h"
 
 #include <VellDevice/RuntimeFolder.h>
 
@@ -69,6 +70,9 @@ void apply(const SimulationChanges& changes, HardwareFile& file) {
         file.set("Identifier", *changes.identifier);
     if (changes.chart)
         file.set("Chart", changes.chart->empty() ? "" : std::filesystem::absolute(*changes.chart).string());
+    if (changes.recording)
+        file.set("Recording",
+                 changes.recording->empty() ? "" : std::filesystem::absolute(*changes.recording).string());
     if (changes.fault)
         file.set("Fault", *changes.fault);
     if (changes.timeScale)
@@ -113,6 +117,8 @@ void detach(const HardwareFile& file) {
 void commands::simulate(Context& context, const SimulationChanges& changes) {
     if (changes.chart && !changes.chart->empty())
         checkVirtualChart(*changes.chart); // an unreadable one is reported here, not in the plug-in's log
+    if (changes.recording && !changes.recording->empty())
+        readRecordingFile(*changes.recording); // the same
     HardwareFile file = changes.attach.empty() ? chosenFile(context) : attached(changes.attach);
     if (changes.detach) {
         detach(file);

@@ -4,6 +4,7 @@
 #include "Errors.h"
 #include "Files.h"
 #include "HardwareFile.h"
+#include "RecordingFile.h"
 
 #include <stdlib.h>
 #include <sys/un.h>
@@ -30,18 +31,42 @@ std::filesystem::path makeTemporaryFolder() {
     return name;
 }
 
+// The plug-in's process inherits the name. What is there is replaced, as with every output.
+void prepareRecording(const Options& options) {
+    const std::string& file = options.record;
+    if (file.empty())
+        return;
+    for (const auto& needed : {options.simulated, options.replayed}) {
+        if (needed && isSameFile(file, *needed))
+            throw UsageFailure(file + ": the recording would replace what is simulated");
+    }
+    checkWritable(file);
+    std::error_code error;
+    if (std::filesystem::is_regular_file(file, error))
+        std::filesystem::remove(file, error);
+    setenv("TAVI_RECORDING", std::filesystem::absolute(file).c_str(), 1);
+}
+
 } // namespace
 
 Simulation::Simulation(const Options& options) {
-    const std::string layout = options.simulated.value();
-    checkVirtualChart(layout); // an unreadable one is reported here, not from inside the plug-in
+    // What is unreadable is reported here, not from inside the plug-in.
+    std::string devicePath;
+    if (options.replayed)
+        devicePath = recordedPath(readRecordingFile(*options.replayed));
+    else
+        checkVirtualChart(options.simulated.value());
+    if (devicePath.empty())
+        devicePath = "usb:virtual-table";
+    prepareRecording(options);
     mFolder = makeTemporaryFolder();
     try {
         setenv("VELL_RUNTIME_DIR", mFolder.c_str(), 1);
         setenv("VELL_HARDWARE_DIR", (mFolder / "hardware").c_str(), 1);
         std::filesystem::create_directory(mFolder / "hardware");
-        HardwareFile table = HardwareFile::make(mFolder / "hardware" / "table.plist", "usb:virtual-table");
-        table.set("Chart", std::filesystem::absolute(layout).string());
+        HardwareFile table = HardwareFile::make(mFolder / "hardware" / "table.plist", devicePath);
+        table.set(options.replayed ? "Recording" : "Chart",
+                  std::filesystem::absolute(options.replayed ? *options.replayed : *options.simulated).string());
         table.set("TimeScale", options.timeScale.value_or(1));
         table.set("Noise", options.noise);
         table.save();

@@ -44,7 +44,9 @@ int run(const CommandLine& line) {
             early = signal;
     });
     std::unique_ptr<Simulation> simulation;
-    if (options.simulated)
+    if (!options.record.empty() && !options.simulated && !options.replayed)
+        throw UsageFailure("--record needs --simulated; `vell-service --record DIR` records its tables");
+    if (options.simulated || options.replayed)
         simulation = std::make_unique<Simulation>(options);
 
     Session here;

@@ -6,7 +6,11 @@
 
 #include <unistd.h>
 
+#include <array>
+#include <cctype>
 #include <csignal>
+#include <cstdlib>
+#include <ctime>
 #include <system_error>
 #include <utility>
 
@@ -39,9 +43,7 @@ void Instrument::start() {
         return;
     try {
         mProcess = std::make_unique<tools::ChildProcess>(
-            mSettings.host, std::vector<std::string>{mPath, mSettings.bundle.string()},
-            std::map<std::string, std::string>{{"TAVI_TABLE", mHardwareFile},
-                                               {"VELL_SERVICE_PID", std::to_string(getpid())}});
+            mSettings.host, std::vector<std::string>{mPath, mSettings.bundle.string()}, environment());
     } catch (const std::system_error& error) {
         // For want of memory or processes, most likely, which may be there again soon.
         log("%s: %s", mPath.c_str(), error.what());
@@ -50,6 +52,33 @@ void Instrument::start() {
     }
     mStarted = CFAbsoluteTimeGetCurrent();
     log("%s: started process %d", mPath.c_str(), mProcess->processIdentifier());
+}
+
+std::map<std::string, std::string> Instrument::environment() const {
+    std::map<std::string, std::string> variables = {{"TAVI_TABLE", mHardwareFile},
+                                                    {"VELL_SERVICE_PID", std::to_string(getpid())}};
+    const char* const recording = std::getenv("TAVI_RECORDING");
+    if (!mSettings.recordings.empty())
+        variables["TAVI_RECORDING"] = recordingName();
+    else if (!recording || *recording == '\0')
+        return variables;
+    // The loader takes the list apart at blanks and colons, whichever folder it names, and puts the host's own
+    // folder in afterwards.
+    const char* const others = std::getenv("LD_PRELOAD");
+    variables["LD_PRELOAD"] =
+        (others ? std::string(others) + ":" : "") + "$ORIGIN/../lib/tavi-io/libTaviRecorder.so";
+    return variables;
+}
+
+std::string Instrument::recordingName() const {
+    std::string name;
+    for (const char character : mPath)
+        name += std::isalnum(static_cast<unsigned char>(character)) || character == '-' ? character : '_';
+    std::array<char, 32> date;
+    const std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    std::strftime(date.data(), date.size(), "-%Y%m%d-%H%M%S.jsonl", gmtime_r(&now, &parts));
+    return mSettings.recordings / (name + date.data());
 }
 
 void Instrument::reap() {

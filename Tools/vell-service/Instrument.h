@@ -7,6 +7,7 @@
 #include <support/Ref.h>
 
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,6 +19,7 @@ struct Settings {
     std::filesystem::path host;   // the program that runs a plug-in
     std::filesystem::path bundle; // of the plug-in
     double firstRestartPause;     // seconds
+    std::filesystem::path recordings; // a folder; "": nothing is recorded
 };
 
 // One attached device and the plug-in process that serves it. Center's thread only.
@@ -46,6 +48,8 @@ public:
 
 private:
     void start();
+    std::map<std::string, std::string> environment() const;
+    std::string recordingName() const;
     void startAgainIn(double seconds);
     void ended(const tools::ProcessEnd& end, double secondsLived);
     void removeSocket() const;

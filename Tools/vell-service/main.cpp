@@ -32,6 +32,7 @@ constexpr const char* kUsage =
     "  --hardware-dir DIR       the attached hardware (default: $VELL_HARDWARE_DIR or `hardware` in the\n"
     "                           runtime folder)\n"
     "  --restart-pause SECONDS  before the first restart of a plug-in; doubles up to a minute (default: 1)\n"
+    "  --record DIR             record what passes between plug-in and instrument, a file per start\n"
     "  --temporary PID          end with the process PID, which has started the service, and remove the\n"
     "                           runtime folder then\n"
     "  --verbose, --quiet       more on standard error, or problems only\n"
@@ -40,6 +41,7 @@ constexpr const char* kUsage =
 struct Options {
     std::filesystem::path bundle;
     double restartPause = 1;
+    std::filesystem::path recordings; // a folder
     std::optional<pid_t> temporaryFor; // a process
 };
 
@@ -74,11 +76,12 @@ std::filesystem::path parsePath(const std::string& option, const std::string& te
 // Nothing when the program has only been asked about itself. The plug-ins inherit the folders through the
 // environment.
 std::optional<Options> parseOptions(int argc, char** argv) {
-    enum { kBundle, kRuntime, kHardware, kPause, kTemporary, kVerbose, kQuiet, kHelp, kVersion };
+    enum { kBundle, kRuntime, kHardware, kPause, kRecord, kTemporary, kVerbose, kQuiet, kHelp, kVersion };
     static const option kOptions[] = {{"bundle", required_argument, nullptr, kBundle},
                                       {"runtime-dir", required_argument, nullptr, kRuntime},
                                       {"hardware-dir", required_argument, nullptr, kHardware},
                                       {"restart-pause", required_argument, nullptr, kPause},
+                                      {"record", required_argument, nullptr, kRecord},
                                       {"temporary", required_argument, nullptr, kTemporary},
                                       {"verbose", no_argument, nullptr, kVerbose},
                                       {"quiet", no_argument, nullptr, kQuiet},
@@ -103,6 +106,9 @@ std::optional<Options> parseOptions(int argc, char** argv) {
             break;
         case kPause:
             options.restartPause = parsePause(optarg);
+            break;
+        case kRecord:
+            options.recordings = parsePath("--record", optarg);
             break;
         case kTemporary:
             options.temporaryFor = parseProcess(optarg);
@@ -148,10 +154,15 @@ int run(const Options& options) {
     const Base::FileDescriptor lock = lockHardware(hardware);
     const service::Bundle bundle(!options.bundle.empty() ? options.bundle : tools::ownBundle());
 
+    if (!options.recordings.empty()) {
+        if (const auto problem = VellService::ensureFolder(options.recordings))
+            throw std::runtime_error(*problem);
+    }
     VellDeviceCenterRef center = VellDeviceCenterGetDistributedCenter();
     {
         service::DeviceService devices(
-            {tools::programFolder() / "vell-plugin-host", bundle.path(), options.restartPause}, bundle);
+            {tools::programFolder() / "vell-plugin-host", bundle.path(), options.restartPause, options.recordings},
+            bundle);
         const tools::SignalWatcher signals({SIGTERM, SIGINT, SIGHUP, SIGCHLD}, [&devices](int signal) {
             tools::runOnCenterLoop([&devices, signal] {
                 if (signal == SIGCHLD)
