@@ -43,8 +43,8 @@ public:
     void setMessageHandler(Tavi_DeviceMessageHandler handler);
 
     // One call that the player answers, in the time that it took when it was recorded: what is to be the
-    // result; null when it is none of the recording's, after a look at what it was. Without the call lock: the
-    // player has its own.
+    // result; null when it is none of the recording's, after a look at what it was. Without the call lock:
+    // the player has its own.
     std::shared_ptr<const RecordedEvent> play(Player& player, std::string_view call,
                                               const std::string& arguments);
 

@@ -54,10 +54,10 @@ private:
     const std::string mName;
     std::map<std::string, std::vector<Index>> mReads; // where each reading call was made, by what it shows
 
-    std::mutex mMutex;    // guards everything below
-    Index mPlace = 0;     // behind the change that came last
-    Index mNext = 0;      // the change to come; the number of events at the end
-    Index mMessages = 0;  // messages before it have been delivered
+    std::mutex mMutex;                     // guards everything below
+    Index mPlace = 0;                      // behind the change that came last
+    Index mNext = 0;                       // the change to come; the number of events at the end
+    Index mMessages = 0;                   // messages before it have been delivered
     std::map<std::string, Index> mRepeats; // how often each reading call came at this place
     std::string mProblem;
 };

@@ -1,8 +1,8 @@
 // A library that stands in front of the SDK's own and records what goes through: it exports the SDK's
 // functions, hands each call on to the next library that has them, and writes it to $TAVI_RECORDING.
 //
-// It is preloaded into a process (LD_PRELOAD) that knows nothing of it, with any SDK behind it. Any thread may
-// call, several at once, too.
+// It is preloaded into a process (LD_PRELOAD) that knows nothing of it, with any SDK behind it. Any thread
+// may call, several at once, too.
 #include "Recording.h"
 #include "TaviSDK.h"
 
@@ -101,7 +101,7 @@ public:
     }
 
     // A serial number, once it is known, goes into the header, as long as that has room for it.
-    void learn(std::optional<std::string> Recording::* which, const std::string& serialNumber) {
+    void learn(std::optional<std::string> Recording::*which, const std::string& serialNumber) {
         Recording about = mAbout;
         about.*which = serialNumber;
         const std::string header = formatHeader(about) + "\n";
@@ -337,7 +337,8 @@ using TaviSDK::pass;
 
 int Tavi_SetOption(const char* key, const char* value) {
     TAVI_BEHIND(Tavi_SetOption);
-    return pass(form, [&] { return next(key, value); }, noteStatus, key, value);
+    return pass(
+        form, [&] { return next(key, value); }, noteStatus, key, value);
 }
 
 const char* Tavi_GetOption(const char* key) {
@@ -347,22 +348,26 @@ const char* Tavi_GetOption(const char* key) {
             event.text = text;
         }
     };
-    return pass(form, [&] { return next(key); }, noteText, key);
+    return pass(
+        form, [&] { return next(key); }, noteText, key);
 }
 
 int Tavi_IsTableConnected() {
     TAVI_BEHIND(Tavi_IsTableConnected);
-    return pass(form, [&] { return next(); }, noteStatus);
+    return pass(
+        form, [&] { return next(); }, noteStatus);
 }
 
 int Tavi_GoToHomePosition() {
     TAVI_BEHIND(Tavi_GoToHomePosition);
-    return pass(form, [&] { return next(); }, noteStatus);
+    return pass(
+        form, [&] { return next(); }, noteStatus);
 }
 
 int Tavi_SetPosition(float x, float y) {
     TAVI_BEHIND(Tavi_SetPosition);
-    return pass(form, [&] { return next(x, y); }, noteStatus, x, y);
+    return pass(
+        form, [&] { return next(x, y); }, noteStatus, x, y);
 }
 
 int Tavi_GetPosition(float* x, float* y) {
@@ -373,37 +378,44 @@ int Tavi_GetPosition(float* x, float* y) {
             event.values = {*x, *y};
         }
     };
-    return pass(form, [&] { return next(x, y); }, notePlace);
+    return pass(
+        form, [&] { return next(x, y); }, notePlace);
 }
 
 int Tavi_Calibrate() {
     TAVI_BEHIND(Tavi_Calibrate);
-    return pass(form, [&] { return next(); }, noteStatus);
+    return pass(
+        form, [&] { return next(); }, noteStatus);
 }
 
 int Tavi_TriggerMeasurement() {
     TAVI_BEHIND(Tavi_TriggerMeasurement);
-    return pass(form, [&] { return next(); }, noteStatus);
+    return pass(
+        form, [&] { return next(); }, noteStatus);
 }
 
 int Tavi_Scan(float fromX, float fromY, float toX, float toY) {
     TAVI_BEHIND(Tavi_Scan);
-    return pass(form, [&] { return next(fromX, fromY, toX, toY); }, noteStatus, fromX, fromY, toX, toY);
+    return pass(
+        form, [&] { return next(fromX, fromY, toX, toY); }, noteStatus, fromX, fromY, toX, toY);
 }
 
 int Tavi_GetNumberOfAvailableSamples() {
     TAVI_BEHIND(Tavi_GetNumberOfAvailableSamples);
-    return pass(form, [&] { return next(); }, noteStatus);
+    return pass(
+        form, [&] { return next(); }, noteStatus);
 }
 
 int Tavi_GetSpectrum(float out[36], int index) {
     TAVI_BEHIND(Tavi_GetSpectrum);
-    return pass(form, [&] { return next(out, index); }, noteValues({out, 36}), index);
+    return pass(
+        form, [&] { return next(out, index); }, noteValues({out, 36}), index);
 }
 
 int Tavi_GetTriStimulus(float out[3], int index) {
     TAVI_BEHIND(Tavi_GetTriStimulus);
-    return pass(form, [&] { return next(out, index); }, noteValues({out, 3}), index);
+    return pass(
+        form, [&] { return next(out, index); }, noteValues({out, 3}), index);
 }
 
 void Tavi_RegisterDeviceMessageHandler(Tavi_DeviceMessageHandler handler) {

@@ -56,10 +56,10 @@ struct RecordedEvent {
 };
 
 struct Recording {
-    std::string date;                              // UTC
-    std::optional<std::string> table;              // serial numbers, once they were read
+    std::string date;                 // UTC
+    std::optional<std::string> table; // serial numbers, once they were read
     std::optional<std::string> spectrophotometer;
-    std::vector<RecordedEvent> events;             // the event i stands on line i + 2
+    std::vector<RecordedEvent> events; // the event i stands on line i + 2
 };
 
 // A file that is no recording, or a damaged one; the text has file, line and reason.

@@ -85,9 +85,9 @@ public:
             if (skip("\\u")) {
                 result += escapedByte();
             } else {
-                skip("\\");
-                if (mAt == mText.size()) {
-                    throw Damage{"a text without its end at column " + std::to_string(mAt + 1)};
+                if (skip("\\") && !mText.substr(mAt).starts_with('"') &&
+                    !mText.substr(mAt).starts_with('\\')) {
+                    throw Damage{"an unknown escape at column " + std::to_string(mAt + 1)};
                 }
                 result += mText[mAt++];
             }
@@ -95,9 +95,7 @@ public:
         return result;
     }
 
-    std::optional<std::string> textOrNull() {
-        return skip("null") ? std::nullopt : std::optional(text());
-    }
+    std::optional<std::string> textOrNull() { return skip("null") ? std::nullopt : std::optional(text()); }
 
     std::size_t at() const { return mAt; }
     std::string_view since(std::size_t begin) const { return mText.substr(begin, mAt - begin); }
@@ -201,9 +199,10 @@ std::optional<RecordedEvent> readEvent(std::string_view line, long number) {
     reader.expect("{\"n\":");
     const long found = reader.number<long>();
     if (found != number) {
-        throw Damage{found > number ? "lines are missing before this one: its number is " +
-                                          std::to_string(found) + ", not " + std::to_string(number)
-                                    : "a line too many: number " + std::to_string(found) + " was there before"};
+        throw Damage{found > number
+                         ? "lines are missing before this one: its number is " + std::to_string(found) +
+                               ", not " + std::to_string(number)
+                         : "a line too many: number " + std::to_string(found) + " was there before"};
     }
     if (reader.skip(",\"end\":true")) {
         reader.end();

@@ -7,7 +7,7 @@
 namespace TaviSDK {
 
 enum class Status : int {
-    NotAsRecorded = -1,        // a recording is played back, and this call does not follow it
+    NotAsRecorded = -1, // a recording is played back, and this call does not follow it
     Ok = 0,
     NoTable = 1,               // the table does not answer
     UnknownOption = 2,         // no option of that name

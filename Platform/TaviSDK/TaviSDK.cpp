@@ -111,9 +111,7 @@ auto recordedAs(Take take, Given... given) {
 void takeNothing(const RecordedEvent&) {}
 
 auto takeValues(float* out) {
-    return [out](const RecordedEvent& event) {
-        std::copy(event.values.begin(), event.values.end(), out);
-    };
+    return [out](const RecordedEvent& event) { std::copy(event.values.begin(), event.values.end(), out); };
 }
 
 // One call that answers with a status. While a recording is played back, `playBack` is in the body's place.
@@ -172,15 +170,15 @@ const char* Tavi_GetOption(const char* key) {
 }
 
 int Tavi_IsTableConnected() {
-    return TaviSDK::call("Tavi_IsTableConnected", TaviSDK::none,
-                         [](Instrument& instrument) { instrument.checkConnected(); },
-                         TaviSDK::recordedAs(TaviSDK::takeNothing));
+    return TaviSDK::call(
+        "Tavi_IsTableConnected", TaviSDK::none, [](Instrument& instrument) { instrument.checkConnected(); },
+        TaviSDK::recordedAs(TaviSDK::takeNothing));
 }
 
 int Tavi_GoToHomePosition() {
-    return TaviSDK::call("Tavi_GoToHomePosition", TaviSDK::none,
-                         [](Instrument& instrument) { instrument.goHome(); },
-                         TaviSDK::recordedAs(TaviSDK::takeNothing));
+    return TaviSDK::call(
+        "Tavi_GoToHomePosition", TaviSDK::none, [](Instrument& instrument) { instrument.goHome(); },
+        TaviSDK::recordedAs(TaviSDK::takeNothing));
 }
 
 int Tavi_SetPosition(float x, float y) {
@@ -191,26 +189,27 @@ int Tavi_SetPosition(float x, float y) {
 }
 
 int Tavi_GetPosition(float* x, float* y) {
-    return TaviSDK::call("Tavi_GetPosition", TaviSDK::none,
-                         [&](Instrument& instrument) { instrument.position(*x, *y); },
-                         TaviSDK::recordedAs([&](const TaviSDK::RecordedEvent& event) {
-                             if (event.values.size() == 2) {
-                                 *x = event.values[0];
-                                 *y = event.values[1];
-                             }
-                         }));
+    return TaviSDK::call(
+        "Tavi_GetPosition", TaviSDK::none, [&](Instrument& instrument) { instrument.position(*x, *y); },
+        TaviSDK::recordedAs([&](const TaviSDK::RecordedEvent& event) {
+            if (event.values.size() == 2) {
+                *x = event.values[0];
+                *y = event.values[1];
+            }
+        }));
 }
 
 int Tavi_Calibrate() {
-    return TaviSDK::call("Tavi_Calibrate", TaviSDK::none,
-                         [](Instrument& instrument) { instrument.calibrate(); },
-                         TaviSDK::recordedAs(TaviSDK::takeNothing));
+    return TaviSDK::call(
+        "Tavi_Calibrate", TaviSDK::none, [](Instrument& instrument) { instrument.calibrate(); },
+        TaviSDK::recordedAs(TaviSDK::takeNothing));
 }
 
 int Tavi_TriggerMeasurement() {
-    return TaviSDK::call("Tavi_TriggerMeasurement", TaviSDK::none,
-                         [](Instrument& instrument) { instrument.triggerMeasurement(); },
-                         TaviSDK::recordedAs(TaviSDK::takeNothing));
+    return TaviSDK::call(
+        "Tavi_TriggerMeasurement", TaviSDK::none,
+        [](Instrument& instrument) { instrument.triggerMeasurement(); },
+        TaviSDK::recordedAs(TaviSDK::takeNothing));
 }
 
 int Tavi_Scan(float fromX, float fromY, float toX, float toY) {
@@ -223,9 +222,10 @@ int Tavi_Scan(float fromX, float fromY, float toX, float toY) {
 
 int Tavi_GetNumberOfAvailableSamples() {
     int count = 0;
-    const int status = TaviSDK::call("Tavi_GetNumberOfAvailableSamples", TaviSDK::none,
-                                     [&](Instrument& instrument) { count = instrument.sampleCount(); },
-                                     TaviSDK::recordedAs(TaviSDK::takeNothing));
+    const int status = TaviSDK::call(
+        "Tavi_GetNumberOfAvailableSamples", TaviSDK::none,
+        [&](Instrument& instrument) { count = instrument.sampleCount(); },
+        TaviSDK::recordedAs(TaviSDK::takeNothing));
     return status != 0 ? status : count;
 }
 

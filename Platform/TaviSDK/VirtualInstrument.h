@@ -14,9 +14,9 @@ struct Simulation {
     std::string identifier; // what the table calls itself; begins the device path of its plug-in
     std::string serialNumber = "TT-000001"; // of the table
     std::string chart;                      // layout file of the chart that lies on the table; "": bare paper
-    std::string recording; // file to be played back in place of the virtual instrument; "": none
-    double timeScale = 1.0;                 // 1: as slow as the real table, 0: at once
-    double noise = 0.0;                     // standard deviation of a reading's spectral values
+    std::string recording;         // file to be played back in place of the virtual instrument; "": none
+    double timeScale = 1.0;        // 1: as slow as the real table, 0: at once
+    double noise = 0.0;            // standard deviation of a reading's spectral values
     std::string fault;             // "CALL:N:STATUS", "CALL:N:throw" or "CALL:N:hang=SECONDS"; "": none
     long presses = 0;              // a count: one more is a press of the button
     bool table = true;             // false: no table answers

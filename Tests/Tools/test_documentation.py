@@ -10,7 +10,7 @@ import unittest
 from support import BIN, ROOT, Client, Terminal, ToolsTest, read_measurements, wait_until
 
 # What is run, and where: in the tours below, in Tests/Install, and by run-tests itself.
-RUN_HERE = r"tablectl |python3 |sed |vell-service &"
+RUN_HERE = r"tablectl |python3 |sed |vell-service (?:--record \S+ )?&"
 RUN_IN_INSTALL = r"cmake --install |cpack |apt install |cmake -S |cmake --build build/client|build/client/"
 RUN_IN_SCRIPTS = r"\./run-|cmake --preset |cmake --build --preset |ctest --preset "
 
@@ -52,7 +52,7 @@ class DocumentationTest(ToolsTest):
         open(self.path("layout.txt"), "w").close()
         for line, completions in {"tablectl s": "status set send scan spot simulate", "tablectl --dev": "--device",
                                   "tablectl --device ": "usb:table-1", "tablectl --device usb:t": "table-1",
-                                  "tablectl scan --re": "--report", "tablectl scan lay": "layout.txt",
+                                  "tablectl scan --repo": "--report", "tablectl scan lay": "layout.txt",
                                   "tablectl --simulated scan sc": "scan", "tablectl get Mod": "Modes Mode",
                                   "tablectl set Bee": "Beep", "tablectl --runtime-dir /nowhere set Bee": "",
                                   "tablectl --device usb:table-1 set Bee": "Beep", "tablectl --device none set Bee": "",
@@ -103,11 +103,13 @@ class DocumentationTest(ToolsTest):
         self.run_tour("README.md")
         for name, readings in (("out.txt", 223), ("rows.txt", 3 * 21 * 3)):
             self.assertEqual(len(read_measurements(self.path(name))), readings)
+        self.assertEqual(self.read(self.path("session.txt")), self.read(self.path("again.txt")))
 
     def test_the_problems_of_the_virtual_instrument(self):
         self.run_tour("docs/virtual-instrument.md")
         self.assertEqual(len(read_measurements(self.path("out.txt"))), 223)
         self.assertEqual(len(read_measurements(self.path("row.txt"))), 21)
+        self.assertEqual(self.read(self.path("session.txt")), self.read(self.path("again.txt")))
         darkest = [min(float(reading["SPECTRAL_NM380"]) for reading in read_measurements(self.path(name)))
                    for name in ("out.txt", "pale-measured.txt")]
         self.assertLess(darkest[0], 0.05)

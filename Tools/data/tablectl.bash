@@ -26,8 +26,8 @@ _tablectl_ask() {
 
 _tablectl() {
     local commands="list status commands get set mode calibrate move position home cancel reset send lock scan spot"
-    commands+=" align simulate"
-    local options="--help --version --runtime-dir --device --json --simulated --noise"
+    commands+=" align simulate recording"
+    local options="--help --version --runtime-dir --device --json --simulated --noise --replayed --record"
     local words current previous command="" skip="" word
     local folder=() device=() # what the line itself says of them
 
@@ -44,7 +44,7 @@ _tablectl() {
                 --device) device=("$skip" "$word") ;;
             esac
             skip=""
-        elif [[ " --runtime-dir --device --simulated --noise " == *" $word "* ]]; then
+        elif [[ " --runtime-dir --device --simulated --noise --replayed --record " == *" $word "* ]]; then
             skip="$word" # the next one is its value
         elif [[ " $commands " == *" $word "* ]]; then
             command="$word"
@@ -54,7 +54,7 @@ _tablectl() {
 
     case "$previous" in
         --runtime-dir) mapfile -t COMPREPLY < <(compgen -d -- "$current"); return ;;
-        --simulated | --output | --report | --chart | --placement)
+        --simulated | --replayed | --record | --output | --report | --chart | --recording | --placement)
             mapfile -t COMPREPLY < <(compgen -f -- "$current")
             return
             ;;
@@ -75,11 +75,12 @@ _tablectl() {
         spot) options+=" --count --time-scale" ;;
         align) options+=" --output --time-scale" ;;
         simulate)
-            options+=" --attach --detach --serial --identifier --chart --time-scale --noise --fault --table"
+            options+=" --attach --detach --serial --identifier --chart --recording --time-scale --noise --fault --table"
             options+=" --spectrophotometer --press"
             ;;
+        recording) options+=" --anonymous" ;;
     esac
-    if [[ "$command" =~ ^(scan|align)$ && "$current" != -* ]]; then
+    if [[ "$command" =~ ^(scan|align|recording)$ && "$current" != -* ]]; then
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
     elif [[ "$current" == -* ]]; then
         _tablectl_offer < <(tr ' ' '\n' <<<"$options")

@@ -37,7 +37,7 @@ struct SimulationChanges {
     bool press = false;
     std::optional<std::string> serial;
     std::optional<std::string> identifier;
-    std::optional<std::string> chart; // "" for bare paper
+    std::optional<std::string> chart;     // "" for bare paper
     std::optional<std::string> recording; // to be played back; "" for none
     std::optional<std::string> fault;     // "" for none
     std::optional<double> timeScale;

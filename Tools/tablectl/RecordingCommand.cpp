@@ -122,11 +122,9 @@ void showText(Output& output, const Recording& recording, const Summary& summary
 void showJson(Output& output, const Recording& recording, const Summary& summary) {
     Json calls;
     for (const auto& [name, times] : summary.calls)
-        calls.addRaw(name, Json()
-                               .add("count", times.count)
-                               .add("total", times.total)
-                               .add("longest", times.longest)
-                               .text());
+        calls.addRaw(
+            name,
+            Json().add("count", times.count).add("total", times.total).add("longest", times.longest).text());
     const auto list = [&](const std::vector<std::size_t>& events) {
         std::string array;
         for (const std::size_t index : events) {

@@ -65,8 +65,9 @@ Simulation::Simulation(const Options& options) {
         setenv("VELL_HARDWARE_DIR", (mFolder / "hardware").c_str(), 1);
         std::filesystem::create_directory(mFolder / "hardware");
         HardwareFile table = HardwareFile::make(mFolder / "hardware" / "table.plist", devicePath);
-        table.set(options.replayed ? "Recording" : "Chart",
-                  std::filesystem::absolute(options.replayed ? *options.replayed : *options.simulated).string());
+        table.set(
+            options.replayed ? "Recording" : "Chart",
+            std::filesystem::absolute(options.replayed ? *options.replayed : *options.simulated).string());
         table.set("TimeScale", options.timeScale.value_or(1));
         table.set("Noise", options.noise);
         table.save();

@@ -62,8 +62,8 @@ std::map<std::string, std::string> Instrument::environment() const {
         variables["TAVI_RECORDING"] = recordingName();
     else if (!recording || *recording == '\0')
         return variables;
-    // The loader takes the list apart at blanks and colons, whichever folder it names, and puts the host's own
-    // folder in afterwards.
+    // The loader takes the list apart at blanks and colons, whichever folder it names, and puts the host's
+    // own folder in afterwards.
     const char* const others = std::getenv("LD_PRELOAD");
     variables["LD_PRELOAD"] =
         (others ? std::string(others) + ":" : "") + "$ORIGIN/../lib/tavi-io/libTaviRecorder.so";

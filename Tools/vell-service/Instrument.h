@@ -16,9 +16,9 @@ namespace service {
 
 // What all instruments of the service share.
 struct Settings {
-    std::filesystem::path host;   // the program that runs a plug-in
-    std::filesystem::path bundle; // of the plug-in
-    double firstRestartPause;     // seconds
+    std::filesystem::path host;       // the program that runs a plug-in
+    std::filesystem::path bundle;     // of the plug-in
+    double firstRestartPause;         // seconds
     std::filesystem::path recordings; // a folder; "": nothing is recorded
 };
 

@@ -41,7 +41,7 @@ constexpr const char* kUsage =
 struct Options {
     std::filesystem::path bundle;
     double restartPause = 1;
-    std::filesystem::path recordings; // a folder
+    std::filesystem::path recordings;  // a folder
     std::optional<pid_t> temporaryFor; // a process
 };
 
@@ -160,9 +160,9 @@ int run(const Options& options) {
     }
     VellDeviceCenterRef center = VellDeviceCenterGetDistributedCenter();
     {
-        service::DeviceService devices(
-            {tools::programFolder() / "vell-plugin-host", bundle.path(), options.restartPause, options.recordings},
-            bundle);
+        service::DeviceService devices({tools::programFolder() / "vell-plugin-host", bundle.path(),
+                                        options.restartPause, options.recordings},
+                                       bundle);
         const tools::SignalWatcher signals({SIGTERM, SIGINT, SIGHUP, SIGCHLD}, [&devices](int signal) {
             tools::runOnCenterLoop([&devices, signal] {
                 if (signal == SIGCHLD)
