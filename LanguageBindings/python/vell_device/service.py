@@ -26,7 +26,7 @@ from .wire import Record, Response, command_table, position_in
 
 T = TypeVar("T")
 
-DISCOVERY = 2.0  # seconds
+DISCOVERY = 5.0  # seconds
 UNLOCKING = 5.0  # seconds
 
 

@@ -12,7 +12,7 @@ from typing import Any, Dict, List, Mapping, Optional, Tuple, Type, TypeVar, Uni
 from .errors import ProtocolError
 
 LARGEST_FRAME = 16 << 20  # bytes
-MOST_VALUES = 1 << 20  # of one response: a property list may name one array again and again
+MOST_VALUES = 1 << 18  # of one response: a property list may name one array again and again
 
 T = TypeVar("T")
 
@@ -189,29 +189,38 @@ def _response(content: Mapping[str, Any]) -> Response:
     data = content.get("Data")
     if data is not None and not isinstance(data, bytes):
         raise ProtocolError("a response whose Data are none")
-    measurements = []
-    values = 0
+    measurements = [(_item(measured, "Mode", str, ""), [_color(color) for color in colors])
+                    for measured, colors in _measured_in(content)]
+    return Response(_item(content, "Ticket", str, ""), _item(content, "Name", str, ""),
+                    _item(content, "Device", str, ""), _item(content, "DevicePath", str, ""),
+                    _item(content, "Code", int), _item(content, "Message", str, ""), data,
+                    tuple(Measured(mode, tuple(colors)) for mode, colors in measurements))
+
+
+def _measured_in(content: Mapping[str, Any]) -> List[Tuple[Dict[str, Any], List[Dict[str, Any]]]]:
+    """The measurements with their colours, none of whose values has been looked at but counted."""
+    found = []
+    count = 0
     for measured in _item(content, "MeasurementSet", list, []):
         if not isinstance(measured, dict):
             raise ProtocolError("a measurement that is none")
-        colors = []
-        for color in _item(measured, "Colors", list, []):
+        colors = _item(measured, "Colors", list, [])
+        for color in colors:
             if not isinstance(color, dict):
                 raise ProtocolError("a colour that is none")
-            colors.append(Color(_item(color, "ColorSpace", str, ""), _numbers(_item(color, "Values", list, [])),
-                                _texts(color, "Attributes")))
-            values += 1 + len(colors[-1].values) + len(colors[-1].attributes)
-            if values > MOST_VALUES:
+            count += 1 + len(_item(color, "Values", list, [])) + len(_item(color, "Attributes", dict, {}))
+            if count > MOST_VALUES:
                 raise ProtocolError("a response with too many values")
-        measurements.append(Measured(_item(measured, "Mode", str, ""), tuple(colors)))
-    return Response(_item(content, "Ticket", str, ""), _item(content, "Name", str, ""),
-                    _item(content, "Device", str, ""), _item(content, "DevicePath", str, ""),
-                    _item(content, "Code", int), _item(content, "Message", str, ""), data, tuple(measurements))
+        found.append((measured, colors))
+    return found
+
+
+def _color(color: Mapping[str, Any]) -> Color:
+    return Color(_item(color, "ColorSpace", str, ""), _numbers(_item(color, "Values", list, [])),
+                 _texts(color, "Attributes"))
 
 
 def _numbers(texts: List[Any]) -> Tuple[float, ...]:
-    if len(texts) > MOST_VALUES:
-        raise ProtocolError("a response with too many values")
     try:
         numbers = tuple(map(float, texts))
     except (TypeError, ValueError):
