@@ -7,13 +7,12 @@ import re
 import signal
 import subprocess
 import sys
-import textwrap
 import unittest
 import unittest.mock
 
 import vell_device as vell
 from package import PackageTest
-from support import PATIENCE, Chart, read_measurements, single, wait_until
+from support import PATIENCE, ROOT, Chart, read_measurements, single, wait_until
 from vell_device import aio
 
 
@@ -173,26 +172,21 @@ class TablesTest(PackageTest):
         with open(log) as file:
             self.assertNotIn("measuring row 5...", file.read())
 
-    def test_an_interrupt_cancels(self):
+    def test_an_interrupt_or_a_closed_pipe_ends_the_example_and_its_scan(self):
         table = self.start_table(TimeScale=1.0)
-        for where in ("print(row.index, flush=True)", "print(row.index, flush=True); time.sleep(60)"):
-            script = textwrap.dedent(f"""
-                import sys, time, vell_device as vell
-                with vell.Service() as service:
-                    table = service.table()
-                    with table.lock():
-                        for row in table.scan(vell.Layout.read(sys.argv[1])):
-                            {where}
-                """)
-            process = subprocess.Popen([sys.executable, "-c", script, self.path("chart.txt")], text=True,
-                                       stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        for end, error in ((signal.SIGINT, "KeyboardInterrupt"), (None, "BrokenPipeError: [Errno 32] Broken pipe")):
+            process = subprocess.Popen([sys.executable, os.path.join(ROOT, "Examples", "measure.py"),
+                                        self.path("chart.txt"), "S-1"],
+                                       text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
             self.addCleanup(self.end, process)
-            self.assertEqual(process.stdout.readline(), "0\n")
-            process.send_signal(signal.SIGINT)
-            output, error = process.communicate(timeout=PATIENCE)
-            self.assertEqual(error.splitlines()[-1], "KeyboardInterrupt")
-            self.assertNotIn("5", output)
+            self.assertRegex(process.stdout.readline(), r"^  0   0 ( +\d+\.\d{3}){3}\n$")
+            process.send_signal(end) if end else process.stdout.close()
+            written = process.stderr.read()
+            self.assertIn(error, written.splitlines())
+            self.assertNotEqual(process.wait(PATIENCE), 0)
             self.assert_free(table)
+        with open(os.path.join(self.runtime, "log", table.attributes["DeviceLogName"])) as file:
+            self.assertNotIn("measuring row 5...", file.read())
 
     def test_a_busy_device_is_asked_again_for_a_moment(self):
         table = self.start_table(TimeScale=1.0)

@@ -8,13 +8,10 @@ import re
 import signal
 import struct
 import subprocess
-import sys
 import termios
 import unittest
 
 from support import Chart, ToolsTest, read_measurements, wait_until
-
-ROOT = os.path.join(os.path.dirname(__file__), "..", "..")
 
 
 class CommandsTest(ToolsTest):
@@ -199,18 +196,6 @@ class CommandsTest(ToolsTest):
     def next_response(self):
         frame = self.client.receive()
         return frame if frame["Type"] == "Response" and frame["Name"].startswith("BeginM") else None
-
-    def test_the_example_client_measures(self):
-        example = os.path.join(ROOT, "Examples", "measure.py")
-        environment = {name: value for name, value in self.environment.items() if name != "LD_PRELOAD"}
-        result = subprocess.run([sys.executable, example, self.path("chart.txt")], env=environment, text=True,
-                                capture_output=True, timeout=60)
-        self.assertEqual((result.returncode, result.stderr), (0, ""))
-        lines = [line.split() for line in result.stdout.splitlines()]
-        self.assertEqual([(int(line[0]), int(line[1])) for line in lines], list(self.chart.spectra))
-        for line, spectrum in zip(lines, self.chart.spectra.values()):
-            self.assertAlmostEqual(float(line[2]), 116 * (sum(spectrum) / 36) ** (1 / 3) - 16, delta=2)
-        self.assertEqual(self.tablectl("get", "LockHolder")[0], "\n")
 
     def test_two_tables_measure_two_charts_at_once(self):
         other = Chart(3, 5, seed=2)

@@ -10,7 +10,7 @@ import unittest
 from support import BIN, ROOT, Client, Terminal, ToolsTest, read_measurements, wait_until
 
 # What is run, and where: in the tours below, in Tests/Install, and by run-tests itself.
-RUN_HERE = r"tablectl |python3 |sed |vell-service (?:--record \S+ )?&"
+RUN_HERE = r"tablectl |python3 |PYTHONPATH=|sed |vell-service (?:--record \S+ )?&"
 RUN_IN_INSTALL = r"cmake --install |cpack |apt install |cmake -S |cmake --build build/client|build/client/"
 RUN_IN_SCRIPTS = r"\./run-|cmake --preset |cmake --build --preset |ctest --preset "
 
@@ -86,7 +86,7 @@ class DocumentationTest(ToolsTest):
 
     def test_no_command_is_shown_that_nothing_runs(self):
         documents = ["README.md", "ARCHITECTURE.md", "Platform/README.md", "Benchmarks/README.md"]
-        programs = r"[\w./-]*(?:tablectl|python3?|vell-|cmake|c(?:test|pack)|ninja|sudo|env|apt|dpkg|sed|\./|build/)"
+        programs = r"[\w./-]*(?:tablectl|python3?|PYTHONPATH=|vell-|cmake|c(?:test|pack)|ninja|sudo|env|apt|dpkg|sed|\./|build/)"
         ci = self.read(".ci", "run")
         for document in documents + glob.glob("docs/*.md", root_dir=ROOT):
             for line in re.findall(rf"^    ({programs}.*)$", self.read(document), re.M):
@@ -95,9 +95,10 @@ class DocumentationTest(ToolsTest):
 
     def run_tour(self, document):
         """The commands that a document shows, with a service in the background."""
-        os.symlink(os.path.join(ROOT, "Examples"), self.path("Examples"))
+        for folder in ("Examples", "LanguageBindings"):
+            os.symlink(os.path.join(ROOT, folder), self.path(folder))
         self.start_service()
-        self.run_shown(document, "tablectl|python3|sed", self.folder, PATH=BIN + ":" + self.environment["PATH"])
+        self.run_shown(document, "tablectl|python3|PYTHONPATH|sed", self.folder, PATH=BIN + ":" + self.environment["PATH"])
 
     def test_the_tour_of_the_readme(self):
         self.run_tour("README.md")
