@@ -1,14 +1,15 @@
 """What the tests of the Python package share."""
 
 import os
+import subprocess
+import sys
 import unittest.mock
 
-import vell_device as vell
 from support import BIN, ToolsTest
 
 
 class PackageTest(ToolsTest):
-    """The package's own programs find the service on the path, and have the environment of the others."""
+    """A virtual table of this process finds the service on the path, in the environment of the other programs."""
 
     def setUp(self):
         super().setUp()
@@ -22,10 +23,10 @@ class PackageTest(ToolsTest):
         temporary.start()
         self.addCleanup(temporary.stop)
 
-    def service(self):
-        service = vell.Service(self.runtime)
-        self.addCleanup(service.close)
-        return service
-
-    def table(self, which=None):
-        return self.service().table(which, timeout=60)
+    def start_python(self, *arguments):
+        """A Python program of its own."""
+        environment = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
+        process = subprocess.Popen([sys.executable, "-W", "error", *arguments], cwd=self.folder, env=environment,
+                                   text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(self.end, process)
+        return process

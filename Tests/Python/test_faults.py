@@ -10,7 +10,6 @@ import signal
 import socket
 import struct
 import subprocess
-import sys
 import textwrap
 import threading
 import time
@@ -86,7 +85,7 @@ class GarbageTest(FaultsTest):
     def test_garbage_is_told_and_disturbs_no_other_table(self):
         self.start_service()
         self.attach("usb:table", Chart=self.path("chart.txt"))
-        service = self.service()
+        service = self.discover()
         table = service.table(timeout=PATIENCE)
         expected = {f"garbage-{number}" for number in range(len(GARBAGE))}
 
@@ -113,15 +112,15 @@ class GarbageTest(FaultsTest):
 
         with self.assertLogs("vell_device", "WARNING") as logs:
             self.assert_measured(asyncio.run(measure()), self.chart)
-        listed = subprocess.run([sys.executable, "-m", "vell_device"], capture_output=True, text=True)
-        self.assertRegex(listed.stdout, r"^usb:table  .*\n$")
+        listed, complaint = self.start_python("-m", "vell_device").communicate(timeout=PATIENCE)
+        self.assertRegex(listed, r"^usb:table  .*\n$")
         self.assertIn("garbage-0.sock: its plug-in sent what makes no sense: a frame of 4294967295 bytes\n",
-                      listed.stderr)
+                      complaint)
 
     def test_garbage_for_an_answer(self):
         self.serve("odd", framed(status("usb:odd")), b"\0\0\0\0")
         self.serve("good", framed(status("usb:good")))
-        service = self.service()
+        service = self.discover()
         good, odd = service.tables()
         thief = framed(status("usb:good", SerialNumber="stolen"))
         self.serve("thief", thief)
@@ -203,7 +202,7 @@ class KilledTest(FaultsTest):
         for (face, scan), (stage, (fault, sign, count)) in itertools.product(FACES.items(), self.STAGES.items()):
             with self.subTest(face=face, stage=stage):
                 self.attach("usb:table", Chart=self.path("chart.txt"), Fault=fault)
-                table = self.table()
+                table = self.connect()
                 rows = []
                 victim = int(table.attributes["DeviceProcessPID"])
                 self.killing(victim, sign, rows, count)
@@ -225,7 +224,7 @@ class KilledTest(FaultsTest):
             with self.subTest(face):
                 service = self.start_service()
                 self.attach("usb:table", Chart=self.path("chart.txt"), TimeScale=1.0)
-                self.table()
+                self.connect()
                 rows = []
                 self.killing(service, "measuring row 1...", rows, 1)
                 with self.assertRaises(vell.DeviceGone):
@@ -242,9 +241,7 @@ class KilledTest(FaultsTest):
                 for row in table.scan(vell.Layout.read(sys.argv[1])):
                     print(row.index, flush=True)
             """)
-        client = subprocess.Popen([sys.executable, "-c", script, self.path("chart.txt")], text=True,
-                                  stdout=subprocess.PIPE)
-        self.addCleanup(self.end, client)
+        client = self.start_python("-c", script, self.path("chart.txt"))
         plugin = int(client.stdout.readline())
         self.assertEqual(client.stdout.readline(), "0\n")
         self.assertEqual(len([name for name in os.listdir(self.folder) if name.startswith("vell-")]), 1)

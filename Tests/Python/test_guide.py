@@ -2,8 +2,6 @@
 
 import os
 import re
-import subprocess
-import sys
 import unittest
 
 from package import PackageTest
@@ -18,12 +16,12 @@ class GuideTest(PackageTest):
         self.write_chart(Chart(2, 4))
         self.start_service()
         self.attach("usb:table-1", Chart=self.path("chart.txt"))
-        self.table()
+        self.connect()
         for code, output in examples:
             with self.subTest(code):
-                ran = subprocess.run([sys.executable, "-W", "error", "-c", code], cwd=self.folder, capture_output=True,
-                                     text=True, timeout=PATIENCE)
-                self.assertEqual((ran.stdout, ran.returncode), (output, 0), ran.stderr)
+                ran = self.start_python("-c", code)
+                written, error = ran.communicate(timeout=PATIENCE)
+                self.assertEqual((written, ran.returncode), (output, 0), error)
 
     def test_every_example_has_its_output(self):
         with open(os.path.join(ROOT, "docs", "python.md")) as file:

@@ -5,8 +5,6 @@ import io
 import os
 import re
 import signal
-import subprocess
-import sys
 import unittest
 import unittest.mock
 
@@ -25,7 +23,7 @@ class TablesTest(PackageTest):
     def start_table(self, clock_speed=1, **simulation):
         self.start_service(environment=self.steering(clock_speed))
         self.attach("usb:table", Chart=self.path("chart.txt"), SerialNumber="S-1", **simulation)
-        return self.table()
+        return self.connect()
 
     def assert_measured(self, rows, chart):
         self.assertEqual([(patch.row, patch.column) for row in rows for patch in row.patches], list(chart.spectra))
@@ -108,7 +106,7 @@ class TablesTest(PackageTest):
             table.quit()
 
     def test_whoever_is_named(self):
-        service = self.service()
+        service = self.discover()
         with self.assertRaisesRegex(vell.NoDevice, f"^no device in {self.runtime}$"):
             service.table(timeout=0.3)
         table = self.start_table()
@@ -120,8 +118,8 @@ class TablesTest(PackageTest):
                                ("usb:third", "no device usb:third in .*: there is usb:second, usb:table")):
             with self.assertRaisesRegex(vell.NoDevice, f"^{reason}$"):
                 service.table(wanted, timeout=0.3)
-        listed = subprocess.run([sys.executable, "-m", "vell_device"], capture_output=True, text=True)
-        self.assertEqual((listed.stdout, listed.stderr), (self.tablectl("list")[0], ""))
+        listed = self.start_python("-m", "vell_device").communicate(timeout=PATIENCE)
+        self.assertEqual(listed, (self.tablectl("list")[0], ""))
         os.chmod(self.runtime, 0o1777)
         with self.assertRaisesRegex(vell.Error, "no folder of this user alone"):
             vell.Service(self.runtime).table()
@@ -175,10 +173,7 @@ class TablesTest(PackageTest):
     def test_an_interrupt_or_a_closed_pipe_ends_the_example_and_its_scan(self):
         table = self.start_table(TimeScale=1.0)
         for end, error in ((signal.SIGINT, "KeyboardInterrupt"), (None, "BrokenPipeError: [Errno 32] Broken pipe")):
-            process = subprocess.Popen([sys.executable, os.path.join(ROOT, "Examples", "measure.py"),
-                                        self.path("chart.txt"), "S-1"],
-                                       text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-            self.addCleanup(self.end, process)
+            process = self.start_python(os.path.join(ROOT, "Examples", "measure.py"), self.path("chart.txt"), "S-1")
             self.assertRegex(process.stdout.readline(), r"^  0   0 ( +\d+\.\d{3}){3}\n$")
             process.send_signal(end) if end else process.stdout.close()
             written = process.stderr.read()

@@ -1,4 +1,4 @@
-"""What the tests of the programs share: a runtime folder of their own, charts, and a client on the wire."""
+"""What the tests of the programs share: a runtime folder of their own, charts, and clients."""
 
 import contextlib
 import fcntl
@@ -19,6 +19,8 @@ import tempfile
 import termios
 import time
 import unittest
+
+import vell_device as vell
 
 BIN = os.environ["TOOLS_BIN"]
 ROOT = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", ".."))
@@ -110,8 +112,8 @@ def shown_commands(document, beginning):
     return lines
 
 
-class Client:
-    """A client of one plug-in, on the wire."""
+class RawClient:
+    """A client of one plug-in, on the wire: for those who would not behave as the package does."""
 
     def __init__(self, path):
         self.socket = socket.socket(socket.AF_UNIX)
@@ -320,12 +322,15 @@ class ToolsTest(unittest.TestCase):
     def sockets(self):
         return [os.path.join(self.runtime, name) for name in os.listdir(self.runtime) if name.endswith(".sock")]
 
-    def connect(self):
-        """A client of the one plug-in that is there, once it is connected to its table."""
-        client = Client(wait_until(self.sockets, "a socket")[0])
-        self.addCleanup(client.close)
-        client.record = client.status()
-        return client
+    def discover(self):
+        """A client of all plug-ins."""
+        service = vell.Service(self.runtime)
+        self.addCleanup(service.close)
+        return service
+
+    def connect(self, path=None):
+        """A client's view of the table, once its plug-in is connected to it; without a path there is only one."""
+        return self.discover().table(path, timeout=PATIENCE)
 
     def plugin_processes(self):
         return [int(line.split()[-1]) for line in self.log_lines("started process")]

@@ -11,7 +11,7 @@ import subprocess
 import termios
 import unittest
 
-from support import Chart, ToolsTest, read_measurements, wait_until
+from support import PATIENCE, Chart, ToolsTest, read_measurements, wait_until
 
 
 class CommandsTest(ToolsTest):
@@ -20,7 +20,7 @@ class CommandsTest(ToolsTest):
         self.start_service(environment=self.steering(clock_speed=5))  # it looks at its instruments more often
         self.chart = Chart(2, 4)
         self.file = self.attach("usb:table", Chart=self.write_chart(self.chart), SerialNumber="S-1")
-        self.client = self.connect()
+        self.table = self.connect()
 
     def test_looking(self):
         self.assertRegex(self.tablectl("list")[0], r"^usb:table  \S.*S-1.*not calibrated\n$")
@@ -81,7 +81,7 @@ class CommandsTest(ToolsTest):
             with self.subTest(value):
                 _, error = self.measure(*arguments, f"TopLeftX={value}", status=1)
                 self.assertRegex(error, r"Measure: \d+: \S")
-                wait_until(lambda: self.client.call("GetDevicePosition")["Message"] == "0.000000,0.000000")
+                wait_until(lambda: self.table.get_device_position() == (0, 0))
 
     def test_an_interrupted_measurement_does_not_go_on(self):
         self.tablectl("calibrate")
@@ -93,8 +93,7 @@ class CommandsTest(ToolsTest):
         sender.stdout.readline()  # the first row
         sender.send_signal(signal.SIGINT)
         self.assertEqual(sender.wait(60), 128 + signal.SIGINT)
-        self.client.status(lambda record: True)
-        wait_until(lambda: self.client.call("GetDevicePosition")["Message"] == "0.000000,0.000000")
+        wait_until(lambda: self.table.get_device_position() == (0, 0))
 
     def test_devices_that_are_not_there(self):
         for command in ("status", "list"):
@@ -122,7 +121,7 @@ class CommandsTest(ToolsTest):
 
     def test_a_lock_keeps_other_clients_out(self):
         holder = self.start("tablectl", "lock", "600")
-        self.client.status(lambda record: record["LockHolder"] == str(holder.pid))
+        self.table.wait_for(lambda record: record.lock_holder == str(holder.pid), PATIENCE)
         for arguments in (["home"], ["scan", self.path("chart.txt"), "--time-scale", "3"]):
             _, error = self.tablectl(*arguments, status=1)
             self.assertRegex(error, rf"-1022: .*locked by .*process {holder.pid} \(tablectl\)")
@@ -136,14 +135,14 @@ class CommandsTest(ToolsTest):
     def test_a_spectrophotometer_lifted_off_and_put_back(self):
         self.tablectl("calibrate")
         self.tablectl("simulate", "--spectrophotometer", "off")
-        self.client.status(lambda record: record["SerialNumber"] == "")
+        self.table.wait_for(lambda record: record.serial_number == "", PATIENCE)
         self.assertIn("Calibrate: 35: no spectrophotometer on the table\n", self.tablectl("calibrate", status=1)[1])
         self.assertIn("SetMode: 35: ", self.tablectl("mode", "ScanningReflectance", status=1)[1])
         self.tablectl("move", "10", "10")
         self.assertIn("no spectrophotometer", self.tablectl("list")[0])
         self.tablectl("simulate", "--spectrophotometer", "on")
-        record = self.client.status(lambda record: record["SerialNumber"] == "S-1")
-        self.assertEqual(record["CalibrationStatus"], 0)
+        record = self.table.wait_for(lambda record: record.serial_number == "S-1", PATIENCE)
+        self.assertEqual(record.calibration_status, 0)
         self.tablectl("scan", self.path("chart.txt"), "--output", self.path("out.txt"))
         self.assertEqual(len(read_measurements(self.path("out.txt"))), 8)
 
@@ -178,12 +177,15 @@ class CommandsTest(ToolsTest):
         shown = json.loads(self.tablectl("--json", "simulate")[0])
         self.assertEqual(shown["SerialNumber"], "S-1")
         self.tablectl("simulate", "--serial", "S-2", "--fault", "Tavi_Calibrate:1:6")
-        self.client.status(lambda record: record["SerialNumber"] == "S-2")
+        self.table.wait_for(lambda record: record.serial_number == "S-2", PATIENCE)
         self.assertIn("Calibrate: 16: ", self.tablectl("calibrate", status=1)[1])
         self.tablectl("calibrate")
         self.tablectl("set", "AutoCalibratesOnButtonPress", "yes")
+        answers = []
+        self.table.on_button(lambda answer: answers.append(answer.name))
         self.tablectl("simulate", "--press")
-        self.assertEqual(wait_until(lambda: self.next_response())["Name"], "BeginMeasure")
+        wait_until(lambda: answers, "an answer")
+        self.assertEqual(answers[0], "BeginMeasure")
         self.tablectl("simulate", "--attach", "usb:table", status=1)
         for path in ("usb:a-b", "usb:a_b"):  # one after the other in the same file, if it were for the name
             self.tablectl("simulate", "--attach", path, "--serial", path + "!")
@@ -192,10 +194,6 @@ class CommandsTest(ToolsTest):
             self.tablectl("--device", path + "!", "simulate", "--detach")
         self.tablectl("simulate", "--detach")
         self.tablectl("simulate", status=3)
-
-    def next_response(self):
-        frame = self.client.receive()
-        return frame if frame["Type"] == "Response" and frame["Name"].startswith("BeginM") else None
 
     def test_two_tables_measure_two_charts_at_once(self):
         other = Chart(3, 5, seed=2)

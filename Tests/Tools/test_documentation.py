@@ -7,7 +7,7 @@ import re
 import subprocess
 import unittest
 
-from support import BIN, ROOT, Client, Terminal, ToolsTest, read_measurements, wait_until
+from support import BIN, ROOT, RawClient, Terminal, ToolsTest, read_measurements, wait_until
 
 # What is run, and where: in the tours below, in Tests/Install, and by run-tests itself.
 RUN_HERE = r"tablectl |python3 |PYTHONPATH=|sed |vell-service (?:--record \S+ )?&"
@@ -129,7 +129,7 @@ class DocumentationTest(ToolsTest):
         self.attach("usb:table-1")
         path = os.path.join(self.runtime, "4dd967c9.sock")
         wait_until(lambda: os.path.exists(path), "the socket")
-        client = Client(path)
+        client = RawClient(path)
         self.addCleanup(client.close)
         client.status()
         client.socket.sendall(command)

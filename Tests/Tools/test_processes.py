@@ -14,7 +14,7 @@ import subprocess
 import time
 import unittest
 
-from support import (BANDS, BIN, Chart, Client, ToolsTest, is_running, measurements_so_far, read_measurements, single,
+from support import (BANDS, BIN, PATIENCE, Chart, RawClient, ToolsTest, is_running, measurements_so_far, read_measurements, single,
                      wait_until)
 
 CLOCK_SPEED = 100  # where it is fast: the 30 seconds of a client's lock pass in 0.3
@@ -43,7 +43,7 @@ class Victim:
         self.pid = os.fork()
         if self.pid == 0:
             with contextlib.suppress(BaseException):
-                client = Client(socket)
+                client = RawClient(socket)
                 work(client)
                 os.write(says_done, b"!")
                 while True:
@@ -130,43 +130,40 @@ class ProcessesTest(ToolsTest):
         serial = f"S-{self.settings}"
         self.attach(self.table, Chart=self.layout, SerialNumber=serial, Fault=fault)
         if client:
-            client.status(lambda record: record["SerialNumber"] == serial)
+            client.wait_for(lambda record: record.serial_number == serial, PATIENCE)
 
     def client(self, table=None):
-        client = Client(self.socket(table))
-        self.addCleanup(client.close)
-        client.record = client.status()
-        return client
+        return self.connect(table or self.table)
 
     def get_ready(self, client):
         for name, arguments in (("Calibrate", {}), ("SetMode", {"Mode": "ScanningReflectance"})):
-            wait_until(lambda: client.call(name, arguments)["Code"] == 0, name)
+            wait_until(lambda: client.exchange(name, arguments).next(PATIENCE).code == 0, name)
 
     def assert_measures(self, client):
         """The chart is measured whole, once whatever ran before has ended."""
         self.get_ready(client)
 
-        def first_row():
-            response = client.response(client.send("Measure", self.chart.arguments()))
-            return response["Code"] != 23 and response
+        def measurement():
+            exchange = client.exchange("Measure", self.chart.arguments())
+            response = exchange.next(PATIENCE)
+            return response.code != 23 and (exchange, response)
 
-        rows = [wait_until(first_row, "a measurement")]
-        rows += [client.response(rows[0]["Ticket"]) for _ in range(1, self.chart.rows)]
-        self.assert_rows(rows)
+        exchange, first = wait_until(measurement, "a measurement")
+        self.assert_rows([first] + [exchange.next(PATIENCE) for _ in range(1, self.chart.rows)])
 
     def assert_rows(self, rows):
-        self.assertEqual([row["Code"] for row in rows], [0] * self.chart.rows)
+        self.assertEqual([row.code for row in rows], [0] * self.chart.rows)
         for number, row in enumerate(rows):
-            for column, measurement in enumerate(row["MeasurementSet"]):
-                spectrum = next(color for color in measurement["Colors"] if color["ColorSpace"] == "Spectral")
-                self.assertEqual([single(float(value)) for value in spectrum["Values"]],
+            for column, measurement in enumerate(row.measurements):
+                spectrum = next(color for color in measurement.colors if color.space == "Spectral")
+                self.assertEqual([single(value) for value in spectrum.values],
                                  [single(value) for value in self.chart.spectra[number, column]])
 
     def assert_is_free(self):
         """Nobody holds the table, its head is at home, and it measures."""
         client = self.client()
-        self.assertEqual(client.record["LockHolder"], "")
-        wait_until(lambda: client.call("GetDevicePosition")["Message"] == "0.000000,0.000000", "the head at home")
+        self.assertEqual(client.record.lock_holder, "")
+        wait_until(lambda: client.get_device_position() == (0, 0), "the head at home")
         self.assert_measures(client)
 
     def assert_nothing_left(self, processes, *tables):
@@ -210,7 +207,7 @@ class KilledTest(ProcessesTest):
         if stage.command == "Measure":
             self.get_ready(client)
         self.simulate(stage.fault, client)
-        client.close()
+        client.service.close()
 
     def arrive(self, stage):
         self.wait_for_log(stage.sign, stage.count)
@@ -266,7 +263,7 @@ class KilledTest(ProcessesTest):
         for name, stage in STAGES.items():
             with self.subTest(name):
                 self.prepare(stage)
-                bystander = Client(self.socket())
+                bystander = RawClient(self.socket())
                 self.addCleanup(bystander.close)
                 is_connected = not stage.sign or stage.command
                 user = self.start_user(stage) if is_connected else None
@@ -294,7 +291,7 @@ class KilledTest(ProcessesTest):
 
     def using(self, stage):
         """A client on the wire, when what it asked for has come to the stage."""
-        client = Client(self.socket())
+        client = RawClient(self.socket())
         self.addCleanup(client.close)
         self.use(stage)(client)
         self.arrive(stage)
@@ -334,7 +331,7 @@ class KilledTest(ProcessesTest):
         self.let_go()
         self.wait_for_log("[Server] - listening")
         client = self.client()
-        self.assertEqual(client.record["Attributes"]["DeviceProcessPID"], str(new))
+        self.assertEqual(client.attributes["DeviceProcessPID"], str(new))
         self.assert_measures(client)
         wait_until(lambda: not is_running(old), "the end of the first plug-in")
         self.detach()
@@ -604,15 +601,15 @@ class DateTest(ProcessesTest):
         self.simulate()
         client = self.client()
         year = self.year_of_last_line()
+        locked = time.monotonic()
         holder = Victim(self.socket(), lambda holder: holder.call("Lock"))
         self.addCleanup(holder.kill)
-        locked = time.monotonic()
-        client.status(lambda record: record["LockHolder"] == str(holder.pid))
+        client.wait_for(lambda record: record.lock_holder == str(holder.pid), PATIENCE)
         for years in (3, -3, 0):
             self.step(years * self.YEAR)
             self.simulate(client=client)  # polling goes on, or it would not take notice
             self.assertEqual(self.year_of_last_line(), year + years)
-        client.status(lambda record: record["LockHolder"] == "")
+        client.wait_for(lambda record: record.lock_holder == "", PATIENCE)
         # The lock lasted its 30 seconds, neither ended by the step forward nor held by the one back.
         self.assertGreater(time.monotonic() - locked, 30 / 20 * 0.9)
         self.assert_measures(client)
@@ -670,8 +667,9 @@ class ManyTablesTest(ProcessesTest):
     def test_all_of_a_family_start_at_once(self):
         service = self.start_service()
         self.attach_all(Fault="IsTableConnected:1:hang=0.02")
-        clients = [self.client(table) for table in self.tables]
-        self.assertEqual([client.record["Path"] for client in clients], self.tables)
+        client = self.discover()
+        found = [client.table(table, timeout=PATIENCE) for table in self.tables]
+        self.assertEqual([table.record.path for table in found], self.tables)
         processes = self.plugin_processes()
         self.assertEqual(len(processes), self.TABLES)
         # One after the other: nobody begins to connect while another one does.
@@ -694,8 +692,9 @@ class ManyTablesTest(ProcessesTest):
         self.assertLessEqual(set(self.lock_files(*self.tables)), {self.family_lock})
         self.attach_all()
         self.start_service()
+        client = self.discover()
         for table in self.tables:
-            self.client(table)
+            client.table(table, timeout=PATIENCE)
         wait_until(lambda: not self.lock_files(*self.tables), "the end of the lock files")
 
 
@@ -708,11 +707,11 @@ class StrangersTest(ProcessesTest):
         client = self.client()
         self.get_ready(client)
         self.simulate(f"Scan:2:{HANG}", client)
-        dripping, deaf, oversized, truncated = (Client(self.socket()) for _ in range(4))
+        dripping, deaf, oversized, truncated = (RawClient(self.socket()) for _ in range(4))
         for stranger in (dripping, deaf, oversized, truncated):
             self.addCleanup(stranger.close)
-        ticket = client.send("Measure", self.chart.arguments())
-        rows = [client.response(ticket)]
+        measuring = client.exchange("Measure", self.chart.arguments())
+        rows = [measuring.next(PATIENCE)]
         oversized.socket.sendall(b"\xff\xff\xff\xff")
         truncated.socket.sendall(b"\0\0\1\0bplist00")
         truncated.close()
@@ -721,9 +720,9 @@ class StrangersTest(ProcessesTest):
         slow = frame_of("GetCommands", "slow")
         for byte in slow[:-1]:
             dripping.socket.sendall(bytes([byte]))
-        self.assertEqual(client.call("GetCommands")["Code"], 0)
+        client.get_commands(timeout=PATIENCE)
         self.simulate()
-        rows += [client.response(ticket) for _ in range(2)]
+        rows += [measuring.next(PATIENCE) for _ in range(2)]
         self.assert_rows(rows)
         dripping.socket.sendall(slow[-1:])
         self.assertEqual(dripping.response("slow")["Code"], 0)
@@ -739,16 +738,16 @@ class StrangersTest(ProcessesTest):
         self.get_ready(client)
         holder = Victim(self.socket(), lambda holder: holder.call("Lock"))
         self.addCleanup(holder.kill)
-        client.status(lambda record: record["LockHolder"] == str(holder.pid))
+        client.wait_for(lambda record: record.lock_holder == str(holder.pid), PATIENCE)
         claims = {"ProcessIdentifier": str(holder.pid), "PID": holder.pid, "Sender": str(holder.pid),
                   "Receipt": {"ProcessIdentifier": str(holder.pid)}}
+        stranger = RawClient(self.socket())
+        self.addCleanup(stranger.close)
         for key in ("source", "Source", "SOURCE"):
             for name in ("GoHome", "Measure", "Unlock"):
-                client.socket.sendall(frame_of(name, key + name, {key: "hardware"} | self.chart.arguments(), **claims))
-                self.assertEqual(client.response(key + name)["Code"], -1022)
-        record = Client(self.socket())
-        self.addCleanup(record.close)
-        self.assertEqual(record.status()["LockHolder"], str(holder.pid))
+                stranger.socket.sendall(frame_of(name, key + name, {key: "hardware"} | self.chart.arguments(), **claims))
+                self.assertEqual(stranger.response(key + name)["Code"], -1022)
+        self.assertEqual(self.client().record.lock_holder, str(holder.pid))
 
 
 def frame_of(name, ticket, arguments=None, **further):

@@ -10,7 +10,7 @@ import signal
 import termios
 import unittest
 
-from support import BANDS, Chart, ToolsTest, measurements_so_far, read_measurements, single, wait_until
+from support import BANDS, PATIENCE, Chart, ToolsTest, measurements_so_far, read_measurements, single, wait_until
 
 
 class ScanTest(ToolsTest):
@@ -206,7 +206,7 @@ class InterruptedScanTest(ToolsTest):
     def assert_device_is_free(self, client):
         """The head is home, nobody holds the lock, and the next scan works."""
         self.tablectl("simulate", "--time-scale", "0")
-        self.assertEqual(client.call("GetDevicePosition")["Message"], self.home)
+        self.assertEqual(client.send("GetDevicePosition", patience=0).message, self.home)
         self.assertEqual(self.tablectl("get", "LockHolder")[0], "\n")
         self.tablectl("scan", self.path("chart.txt"), "--output", self.path("next.txt"))
         self.assertEqual(len(read_measurements(self.path("next.txt"))), 240)
@@ -357,7 +357,7 @@ class AlignTest(ToolsTest):
         terminal.wait_for("turned by 3.43 degrees, leaning by 0.00, pitch 10.02 by 10.02")
         self.assertLessEqual(max(map(len, re.findall(r"[^\r\n\x1b]*  step [^\r\n\x1b]*", terminal.shown))), 46)
         self.assertEqual(self.visor(), "no\n")
-        self.assertEqual(self.client.call("GetDevicePosition")["Message"], "0.000000,0.000000")
+        self.assertEqual(self.client.send("GetDevicePosition", patience=0).message, "0.000000,0.000000")
         self.tablectl("scan", aligned, "--output", self.path("out.txt"))
         measured = [single(float(reading["SPECTRAL_NM380"])) for reading in read_measurements(self.path("out.txt"))]
         self.assertEqual(measured, [single(spectrum[0]) for spectrum in self.printed.spectra.values()])
@@ -372,7 +372,7 @@ class AlignTest(ToolsTest):
             self.assertEqual(process.wait(60), status)
             self.assertTrue(termios.tcgetattr(terminal.child)[3] & termios.ECHO)
             self.assertEqual(self.visor(), "no\n")
-            self.assertEqual(self.client.call("GetDevicePosition")["Message"], "0.000000,0.000000")
+            self.assertEqual(self.client.send("GetDevicePosition", patience=0).message, "0.000000,0.000000")
         self.assertEqual(sorted(os.listdir(self.folder)), before)
         self.assertIn("needs a terminal", self.tablectl("align", self.layout, status=2)[1])
 
@@ -397,8 +397,8 @@ class CalibrationOfOthersTest(ToolsTest):
         self.start_service()
         self.attach("usb:table", Chart=layout, Fault="Tavi_Calibrate:1:hang=3600")
         client = self.connect()
-        client.send("Calibrate")
-        client.status(lambda record: record["CalibrationStatus"] == -1)
+        client.exchange("Calibrate")
+        client.wait_for(lambda record: record.calibration_status == -1, PATIENCE)
         scan = self.start("tablectl", "--json", "scan", layout, stdout=-1, stderr=-1)
         self.tablectl("simulate", "--fault", "")
         events, error = scan.communicate()

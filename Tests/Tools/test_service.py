@@ -8,7 +8,7 @@ import signal
 import subprocess
 import unittest
 
-from support import BIN, TABLE, Chart, Client, ToolsTest, is_running, wait_until
+from support import BIN, PATIENCE, TABLE, Chart, ToolsTest, is_running, wait_until
 
 
 class ServiceTest(ToolsTest):
@@ -21,11 +21,8 @@ class ServiceTest(ToolsTest):
         tables = [f"usb:{os.path.basename(self.folder)}-{number}" for number in (1, 2)]  # as nobody else has
         for table in tables:
             self.attach(table)
-        wait_until(lambda: len(self.sockets()) == 2, "two plug-ins")
-        for path in self.sockets():
-            client = Client(path)
-            self.addCleanup(client.close)
-            client.status()
+        for table in tables:
+            self.connect(table)
         logs = "".join(log.read_text() for log in pathlib.Path(self.runtime, "log").iterdir())
         service.kill()
         self.assert_nothing_left(self.plugin_processes())
@@ -43,8 +40,7 @@ class ServiceTest(ToolsTest):
         service, = wait_until(lambda: pathlib.Path(f"/proc/{parent.pid}/task/{parent.pid}/children").read_text().split(),
                               "the service")
         self.attach("usb:table")
-        client = self.connect()
-        self.assertEqual(client.call("Calibrate")["Code"], 0)
+        self.connect().calibrate()
         self.assertEqual(self.log_lines("ended"), [])
         os.kill(int(service), signal.SIGTERM)
         self.assertEqual(parent.wait(60), 0)
@@ -55,10 +51,10 @@ class ServiceTest(ToolsTest):
         service = self.start_service()
         self.attach("usb:table", Chart=layout)
         client = self.connect()
-        client.call("Calibrate")
-        client.call("SetMode", {"Mode": "ScanningReflectance"})
+        client.calibrate()
+        client.set_mode("ScanningReflectance")
         self.tablectl("simulate", "--time-scale", "0.2")
-        client.response(client.send("Measure", Chart(6, 8).arguments()))
+        client.measure(Chart(6, 8).arguments())
         service.terminate()
         self.assertEqual(service.wait(60), 0)
         self.assert_nothing_left(self.plugin_processes())
@@ -91,16 +87,16 @@ class ServiceTest(ToolsTest):
         os.rename(self.attach("USB:Table", SerialNumber="S-2"), second)  # letter case makes no other device
         first = self.attach("usb:table", SerialNumber="S-1")
         self.start_service(environment=self.steering(clock_speed=5))  # it looks at its instruments more often
-        self.assertEqual(self.connect().record["SerialNumber"], "S-1")
+        self.assertEqual(self.connect().record.serial_number, "S-1")
         os.remove(first)
         wait_until(lambda: len(self.plugin_processes()) == 2, "the plug-in of the second file")
-        self.assertEqual(self.connect().record["SerialNumber"], "S-2")
+        self.assertEqual(self.connect().record.serial_number, "S-2")
         self.attach("usb:table", SerialNumber="S-1")
         wait_until(lambda: len(self.plugin_processes()) == 3, "the plug-in of the first file")
         client = self.connect()
         os.remove(second)  # which is none of its business
         self.attach("usb:table", SerialNumber="S-3")
-        client.status(lambda record: record["SerialNumber"] == "S-3")
+        client.wait_for(lambda record: record.serial_number == "S-3", PATIENCE)
         self.assertEqual(len(self.plugin_processes()), 3)
 
     def test_settings_of_the_virtual_table_that_make_no_sense_are_told_once(self):
@@ -117,7 +113,7 @@ class ServiceTest(ToolsTest):
         del self.environment["LD_PRELOAD"]  # the plug-in takes its second to disconnect
         self.start_service()
         file = self.attach("usb:table")
-        log = os.path.join(self.runtime, "log", self.connect().record["Attributes"]["DeviceLogName"])
+        log = os.path.join(self.runtime, "log", self.connect().attributes["DeviceLogName"])
         os.remove(file)
         wait_until(lambda: "didDetach" in pathlib.Path(log).read_text(), "the removal")
         self.attach("usb:table")
@@ -145,7 +141,7 @@ class ServiceTest(ToolsTest):
             os.kill(self.plugin_processes()[-1], number)
             wait_until(lambda: len(self.plugin_processes()) > count, "the restart")
             client = self.connect()
-        client.send("DieAQuickDeath")
+        client.die_a_quick_death()
         wait_until(lambda: self.log_lines("stays down"), "the end")
         self.assertEqual(self.sockets(), [])
 

@@ -3,7 +3,7 @@
 import os
 import unittest
 
-from support import Chart, Client, ToolsTest, wait_until
+from support import PATIENCE, Chart, ToolsTest, wait_until
 
 SANITIZED = bool(os.environ.get("SANITIZER"))
 SCANS = int(os.environ.get("SOAK_SCANS", 300 if SANITIZED else 2000))
@@ -42,16 +42,19 @@ class SoakTest(ToolsTest):
 
     def scan(self, client, arguments):
         """Measures the chart; the worker of the scan before may not have ended yet."""
-        while client.call("Measure", arguments)["Code"] == 23:
-            pass
-        for _ in range(1, self.chart.rows):
-            self.assertEqual(client.response(f"t{client.tickets}")["Code"], 0)
+        codes = [23]
+        while codes == [23]:
+            with client.exchange("Measure", arguments) as exchange:
+                codes = [exchange.next(PATIENCE).code]
+                while codes[-1] == 0 and len(codes) < self.chart.rows:
+                    codes.append(exchange.next(PATIENCE).code)
+        self.assertEqual(codes, [0] * self.chart.rows)
 
     def test_a_plugin_measures_charts(self):
         self.attach("usb:soak", **self.settings)
         client = self.connect()
-        client.call("Calibrate")
-        client.call("SetMode", {"Mode": "ScanningReflectance"})
+        client.calibrate()
+        client.set_mode("ScanningReflectance")
         process = self.plugin_processes()[0]
         self.threads = Usage(process).threads
         before = None
@@ -59,9 +62,8 @@ class SoakTest(ToolsTest):
             if number == SETTLED:
                 before = self.usage(process)
             if number % 20 == 19:  # clients come and go
-                client.close()
-                client = Client(self.sockets()[0])
-                self.addCleanup(client.close)
+                client.service.close()
+                client = self.connect()
             spots = {"SpotMeasureCount": "1"} if number % 5 == 4 else {}
             self.scan(client, self.chart.arguments() | spots)
         self.assert_as_before(process, before)
@@ -71,9 +73,7 @@ class SoakTest(ToolsTest):
         before = None
         for number in range(30):
             file = self.attach("usb:soak", **self.settings)
-            client = Client(wait_until(self.sockets, "a socket")[0])
-            client.status()
-            client.close()
+            self.connect().service.close()
             os.remove(file)
             wait_until(lambda: len(self.log_lines("exit status 0")) == number + 1, "the end of the plug-in")
             if number == 9:
