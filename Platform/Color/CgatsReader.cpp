@@ -11,15 +11,6 @@ namespace Color {
 
 namespace {
 
-// Texts of a file go into error texts; what is long or unprintable does not.
-std::string quoted(std::string_view text) {
-    std::string result = "\"";
-    for (const char c : text.substr(0, 40)) {
-        result += static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '?' : c;
-    }
-    return result + (text.size() > 40 ? "...\"" : "\"");
-}
-
 bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\r';
 }
@@ -58,7 +49,10 @@ std::string readWholeFile(const std::string& path) {
 }
 
 CgatsReader::CgatsReader(std::string_view text, std::string name, Extent extent)
-    : mRest(text), mName(std::move(name)), mHasCommas(endsInCsv(mName)) {
+    : mRest(text),
+      mName(std::move(name)),
+      mHasCommas(endsInCsv(mName)),
+      mIsInterrupted(extent == Extent::Interrupted) {
     if (text.size() > kLargestFile) {
         fail(0, "is too large");
     }
@@ -86,6 +80,9 @@ bool CgatsReader::nextLine() {
     while (!mRest.empty()) {
         const std::size_t end = std::min(mRest.find('\n'), mRest.size());
         const std::string_view line = mRest.substr(0, end);
+        if (mIsInterrupted && end == mRest.size() && line != "END_DATA") {
+            return false;
+        }
         mRest.remove_prefix(std::min(end + 1, mRest.size()));
         if (mLine == std::numeric_limits<int>::max()) {
             fail("has too many lines");
@@ -222,7 +219,7 @@ void CgatsReader::readHeader(Extent extent) {
     if (isEmpty) {
         fail(0, "is empty");
     }
-    if (extent == Extent::Table) {
+    if (extent != Extent::Keywords) {
         fail(0, "holds no table: it ends before BEGIN_DATA");
     }
 }
@@ -303,7 +300,7 @@ void CgatsReader::addFields() {
             fail("has too many fields");
         }
         if (!mFields.try_emplace(folded(mTokens[i]), mFieldNames.size()).second) {
-            fail("the field " + quoted(mTokens[i]) + " is given twice");
+            fail("the field " + excerpt(mTokens[i]) + " is given twice");
         }
         mFieldNames.push_back(mTokens[i]);
     }
@@ -336,7 +333,7 @@ int CgatsReader::integer(const std::string& keyword) const {
     const Keyword& found = required(keyword);
     const std::optional<int> value = Base::parseNumber<int>(found.value);
     if (!value) {
-        fail(found.line, keyword + " is no whole number: " + quoted(found.value));
+        fail(found.line, keyword + " is no whole number: " + excerpt(found.value));
     }
     return *value;
 }
@@ -347,13 +344,13 @@ Point CgatsReader::point(const std::string& keyword) const {
     const std::size_t gap = text.find_first_of(" \t");
     const std::size_t second = gap == text.npos ? text.npos : text.find_first_not_of(" \t", gap);
     if (second == text.npos) {
-        fail(found.line, keyword + " must be two numbers: " + quoted(text));
+        fail(found.line, keyword + " must be two numbers: " + excerpt(text));
     }
     const std::optional<double> x = Base::parseNumber<double>(text.substr(0, gap));
     const std::optional<double> y = Base::parseNumber<double>(text.substr(second));
     constexpr double kFurthest = 1e6;
     if (!x || !y || !(std::fabs(*x) <= kFurthest) || !(std::fabs(*y) <= kFurthest)) {
-        fail(found.line, keyword + " must be two finite numbers: " + quoted(text));
+        fail(found.line, keyword + " must be two finite numbers: " + excerpt(text));
     }
     return {*x, *y};
 }
@@ -384,7 +381,7 @@ std::optional<std::array<std::size_t, kBands>> CgatsReader::optionalSpectralFiel
         const auto at = static_cast<std::size_t>(band);
         if (isThere[at]) {
             fail(0, "has two fields for " + std::to_string(*wavelength) +
-                        " nm: " + quoted(mFieldNames[fields[at]]) + " and " + quoted(mFieldNames[index]));
+                        " nm: " + excerpt(mFieldNames[fields[at]]) + " and " + excerpt(mFieldNames[index]));
         }
         isThere[at] = true;
         fields[at] = index;
@@ -431,15 +428,20 @@ std::vector<Value> CgatsReader::valuesOf(const std::vector<std::size_t>& fields)
 const std::vector<std::string>* CgatsReader::nextSet() {
     if (!nextLine()) {
         if (mIsPlain) {
+            mIsAtEnd = true;
+            return nullptr;
+        }
+        if (mIsInterrupted) {
             return nullptr;
         }
         fail(0, "ends without END_DATA");
     }
     if (!mIsPlain && mTokens[0] == "END_DATA") {
-        if (mSetsRead != mNumberOfSets) {
+        if (!mIsInterrupted && mSetsRead != mNumberOfSets) {
             fail("NUMBER_OF_SETS is " + std::to_string(*mNumberOfSets) + ", but there are " +
                  std::to_string(mSetsRead) + " sets");
         }
+        mIsAtEnd = true;
         return nullptr;
     }
     while (mHasCommas && mTokenCount < mFieldNames.size()) {
@@ -450,7 +452,7 @@ const std::vector<std::string>* CgatsReader::nextSet() {
              std::to_string(mFieldNames.size()));
     }
     ++mSetsRead;
-    if (mNumberOfSets && mSetsRead > *mNumberOfSets) {
+    if (mNumberOfSets && !mIsInterrupted && mSetsRead > *mNumberOfSets) {
         fail("there are more sets than NUMBER_OF_SETS says (" + std::to_string(*mNumberOfSets) + ")");
     }
     if (mSetsRead > kMostSets) {
@@ -478,7 +480,7 @@ std::vector<int> CgatsReader::otherTables() const {
 double CgatsReader::number(const std::string& text) const {
     const std::optional<double> value = Base::parseFinite<double>(text);
     if (!value) {
-        fail("no finite number: " + quoted(text));
+        fail("no finite number: " + excerpt(text));
     }
     return *value;
 }
@@ -486,7 +488,7 @@ double CgatsReader::number(const std::string& text) const {
 float CgatsReader::singleNumber(const std::string& text) const {
     const std::optional<float> value = Base::parseFinite<float>(text);
     if (!value) {
-        fail("no finite number: " + quoted(text));
+        fail("no finite number: " + excerpt(text));
     }
     return *value;
 }
@@ -494,7 +496,7 @@ float CgatsReader::singleNumber(const std::string& text) const {
 int CgatsReader::integerField(const std::string& text) const {
     const std::optional<int> value = Base::parseNumber<int>(text);
     if (!value) {
-        fail("no whole number: " + quoted(text));
+        fail("no whole number: " + excerpt(text));
     }
     return *value;
 }

@@ -36,9 +36,11 @@ std::string readWholeFile(const std::string& path);
 // and the sets.
 class CgatsReader {
 public:
-    enum class Extent { Table, Keywords };
+    enum class Extent { Table, Keywords, Interrupted };
 
-    // The text must outlive the reader. Keywords: the header alone, which no table need follow.
+    // The text must outlive the reader. Keywords: the header alone, which no table need follow. Interrupted:
+    // a file whose writer may not have come to its end; the number of sets is not looked at, and the data end
+    // where the text does, without its last line when that one has no end.
     CgatsReader(std::string_view text, std::string name, Extent extent = Extent::Table);
 
     struct Keyword {
@@ -82,6 +84,8 @@ public:
     std::vector<Value> valuesOf(const std::vector<std::size_t>& fields) const;
     // The lines of the other tables' BEGIN_DATA. After the last set.
     std::vector<int> otherTables() const;
+    // Whether the last set was followed by END_DATA, or by the end of a file that needs none.
+    bool isAtEnd() const { return mIsAtEnd; }
     // The line that was read last, from 1.
     int line() const { return mLine; }
 
@@ -110,6 +114,8 @@ private:
     std::string mName;
     int mLine = 0;
     bool mHasCommas = false;
+    bool mIsInterrupted = false;
+    bool mIsAtEnd = false;
     bool mIsPlain = false;            // field names and sets, no markers
     std::vector<std::string> mTokens; // of the line, quotes removed
     std::vector<bool> mQuoted;        // which of them had quotes

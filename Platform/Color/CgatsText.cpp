@@ -10,6 +10,16 @@ bool isBareWord(const std::string& text) {
 
 } // namespace
 
+std::string excerpt(std::string_view text) {
+    constexpr std::size_t kLongest = 40;
+    std::string result = "\"";
+    for (const char c : text.substr(0, kLongest)) {
+        const bool isPrintable = c >= ' ' && c <= '~';
+        result += isPrintable ? c : '?';
+    }
+    return result + (text.size() > kLongest ? "...\"" : "\"");
+}
+
 void appendQuoted(std::string& text, std::string_view value) {
     text += '"';
     for (const char c : value) {

@@ -23,6 +23,9 @@ void appendValue(std::string& text, const Value& value);
 // A line of the header.
 void appendKeyword(std::string& text, std::string_view keyword, std::string_view value);
 
+// A text of a file in quotes, for error texts: what is long or unprintable does not go there.
+std::string excerpt(std::string_view text);
+
 // The shortest form that reads back to the same value.
 template <typename Number>
 void appendNumber(std::string& text, Number value) {

@@ -227,6 +227,36 @@ class InterruptedScanTest(ToolsTest):
         self.assertLess(len(readings), 240)
         self.assert_device_is_free(client)
 
+    def test_a_torn_measurement_goes_on_to_the_same_file(self):
+        scan, _ = self.start_scan("--output", self.path("out.txt"), stderr=-1)
+        self.wait_for_rows(2)
+        scan.send_signal(signal.SIGINT)
+        scan.communicate()
+        self.tablectl("simulate", "--time-scale", "0")
+        layout = self.path("chart.txt")
+        self.tablectl("scan", layout, "--output", self.path("whole.txt"))
+        with open(self.path("whole.txt"), "rb") as whole, open(self.path("out.txt"), "r+b") as torn:
+            expected = whole.read()
+            torn.truncate(len(torn.read()) - 30)  # as the disk may leave it
+        _, told = self.tablectl("scan", layout, "--resume", self.path("out.txt"), "--report", self.path("out.html"))
+        kept = int(re.search(r"(\d+) rows kept", told).group(1))
+        self.assertIn(f"{24 - kept} of {24 - kept} rows", told)
+        self.assertGreaterEqual(kept, 1)
+        with open(self.path("out.txt"), "rb") as file:
+            self.assertEqual(file.read(), expected)
+        with open(self.path("out.html")) as file:
+            self.assertIn('"Rows measured","24 of 24"', file.read())
+        self.assertIn("has all of these rows", self.tablectl("scan", layout, "--resume", self.path("out.txt"))[1])
+        # Another chart's is left as it is; the line that differs is named.
+        self.tablectl("scan", self.write_chart(Chart(4, 5), "other.txt"), "--resume", self.path("out.txt"), status=2)
+        renamed = Chart(24, 10).text().replace("P3-1 ", "Q ")
+        with open(self.path("renamed.txt"), "w") as file:
+            file.write(renamed)
+        _, error = self.tablectl("scan", self.path("renamed.txt"), "--resume", self.path("out.txt"), status=2)
+        self.assertRegex(error, r"out\.txt:\d+: is not of this scan, whose patch at row 3, column 1 is another one")
+        with open(self.path("out.txt"), "rb") as file:
+            self.assertEqual(file.read(), expected)
+
     def test_a_full_disk_ends_the_scan_with_the_rows_that_fit(self):
         limit = 9000  # bytes: two rows
         scan, client = self.start_scan("--output", self.path("out.txt"), stderr=-1, preexec_fn=lambda: (

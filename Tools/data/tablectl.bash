@@ -54,7 +54,7 @@ _tablectl() {
 
     case "$previous" in
         --runtime-dir) mapfile -t COMPREPLY < <(compgen -d -- "$current"); return ;;
-        --simulated | --replayed | --record | --output | --report | --chart | --recording | --placement)
+        --simulated | --replayed | --record | --output | --report | --chart | --recording | --placement | --resume)
             mapfile -t COMPREPLY < <(compgen -f -- "$current")
             return
             ;;
@@ -69,7 +69,7 @@ _tablectl() {
         send) [[ "$previous" == send ]] && _tablectl_offer < <(_tablectl_ask "  " "${device[@]}" commands) ;;
         status) options+=" --watch" ;;
         scan)
-            options+=" --grid --corners --placement --output --report --rows --spot --low-resolution --no-picture"
+            options+=" --grid --corners --placement --output --resume --repeat --xyz --report --rows --spot --low-resolution --no-picture"
             options+=" --time-scale"
             ;;
         spot) options+=" --count --time-scale" ;;

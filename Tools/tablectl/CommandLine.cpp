@@ -206,6 +206,15 @@ void Grammar::addScan() {
     addPlacement(scan, request->placement);
     scan.add_option("--output", request->outputFile, "Measurement file (default: standard output)")
         ->type_name("FILE");
+    CLI::Option* resume = scan.add_option("--resume", request->resumeFile,
+                                          "Go on with the interrupted measurement in this file")
+                              ->type_name("FILE")
+                              ->excludes("--output");
+    scan.add_option("--repeat", request->repeat, "Measure N times, for the mean of all readings")
+        ->type_name("N")
+        ->check(kCount)
+        ->excludes(resume);
+    scan.add_flag("--xyz", request->xyz, "Columns of tristimulus values beside CIELAB");
     scan.add_option("--report", request->reportFile, "A page that shows measured beside reference")
         ->type_name("FILE");
     scan.add_option("--rows", request->rows, "Only rows A-B, counted from 0, one by one")->type_name("A-B");

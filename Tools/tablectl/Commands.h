@@ -23,9 +23,12 @@ struct ScanRequest {
     std::string layoutFile;
     PlacementRequest placement;
     std::string outputFile; // "": to standard output, when the scan is over
+    std::string resumeFile; // an interrupted measurement that goes on; "": none
     std::string reportFile; // "": none
     std::string rows;       // A-B or A, the first and last; "": the whole chart
     std::optional<int> spotReadings;
+    int repeat = 1; // so many times the whole, for the mean
+    bool xyz = false;
     bool lowResolution = false;
     bool noPicture = false; // of the chart as it fills
 };

@@ -86,6 +86,12 @@ std::string numberText(int value) {
     return shortestText(value);
 }
 
+std::string fixedText(double value, int decimals) {
+    char text[64];
+    const auto result = std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, decimals);
+    return std::string(text, result.ptr);
+}
+
 void reportFailure(bool json, const std::string& text, int deviceCode) {
     std::fprintf(stderr, "tablectl: %s\n", text.c_str());
     if (!json)

@@ -43,6 +43,9 @@ std::string numberText(double value);
 std::string numberText(float value);
 std::string numberText(int value);
 
+// With so many decimals, for people.
+std::string fixedText(double value, int decimals);
+
 template <class Numbers>
 std::string jsonArray(const Numbers& numbers) {
     std::string text;

@@ -14,12 +14,6 @@ constexpr int kShortestBar = 10;
 constexpr int kLongestBar = 40;
 constexpr int kSpotsRoom = 16; // kept free for the rows that are read by spots
 
-std::string fixed(double value, int decimals) {
-    char text[64];
-    std::snprintf(text, sizeof text, "%.*f", decimals, value);
-    return text;
-}
-
 std::string clockText(double seconds) {
     const long whole = std::lround(seconds);
     char text[32];
@@ -67,7 +61,7 @@ std::string progressLine(const ProgressState& state, int width) {
     const bool knowsPace = state.secondsLeft() >= 0;
     add("  " + share(state.patchesDone, state.patches) + " patches");
     add("  " + padded(knowsPace ? clockText(state.secondsLeft()) : "-:--", 6) + " left");
-    add("  " + padded(knowsPace ? fixed(state.patchesPerSecond(), 1) : "-", 6) + "/s");
+    add("  " + padded(knowsPace ? fixedText(state.patchesPerSecond(), 1) : "-", 6) + "/s");
 
     int room = width - static_cast<int>(text.size());
     if (room >= kSpotsRoom + kShortestBar + 3) {

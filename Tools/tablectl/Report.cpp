@@ -12,6 +12,7 @@
 #include <ctime>
 #include <fstream>
 #include <map>
+#include <set>
 
 namespace tablectl {
 
@@ -134,12 +135,20 @@ std::string spotsText(const ReportContent& content) {
     return rows.empty() ? "none" : join(rows, ", ");
 }
 
+// A scan that is repeated has each of them several times.
+std::size_t rowsIn(const ReportContent& content) {
+    std::set<int> rows;
+    for (const Row& row : content.rows)
+        rows.insert(row.row);
+    return rows.size();
+}
+
 std::string conditionsJson(const ReportContent& content) {
     const bool withoutUltraviolet = content.rows.front().condition == Color::MeasurementCondition::M2;
     TextTable conditions = {
         {"Illuminant, observer", "D50, 2 degrees"},
         {"Measurement condition", withoutUltraviolet ? "M2" : "M0"},
-        {"Rows measured", std::to_string(content.rows.size()) + " of " + std::to_string(content.layout.rows)},
+        {"Rows measured", std::to_string(rowsIn(content)) + " of " + std::to_string(content.layout.rows)},
         {"Rows read by spots", spotsText(content)}};
     if (!content.failure.empty())
         conditions.emplace_back("Ended early", content.failure);

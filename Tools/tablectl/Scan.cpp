@@ -4,15 +4,18 @@
 #include "Files.h"
 #include "Report.h"
 
+#include <Color/Average.h>
 #include <VellDevice/RuntimeFolder.h>
 
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <set>
 
 namespace tablectl {
 
@@ -24,11 +27,27 @@ constexpr Session::Seconds kRedraw{0.5};
 // A strip that is under way is finished before the device looks at a cancellation.
 constexpr Session::Seconds kCancellation{60};
 
-int patchesInRows(const Color::ChartLayout& layout, int first, int last) {
+// Of an instrument that reads a patch at spots.
+constexpr int kMostSpots = 5;
+
+int patchesInRows(const Color::ChartLayout& layout, const std::vector<int>& rows) {
     int count = 0;
-    for (int row = first; row <= last; ++row)
+    for (const int row : rows)
         count += patchesInRow(layout, row);
     return count;
+}
+
+Color::MeasurementHeader headerOf(const ScanRequest& request, const Table& table) {
+    const bool withoutUltraviolet = table.status().attribute("IlluminationMode") == "0";
+    return {withoutUltraviolet ? Color::MeasurementCondition::M2 : Color::MeasurementCondition::M0,
+            request.xyz};
+}
+
+std::vector<Color::Reading> readingsOf(const std::vector<Row>& rows) {
+    std::vector<Color::Reading> readings;
+    for (const Row& row : rows)
+        readings.insert(readings.end(), row.readings.begin(), row.readings.end());
+    return readings;
 }
 
 std::filesystem::path temporaryFile() {
@@ -43,11 +62,22 @@ std::filesystem::path temporaryFile() {
 } // namespace
 
 MeasurementSink::MeasurementSink(const ScanRequest& request, const Color::ChartLayout& layout,
-                                 Color::MeasurementCondition condition)
-    : mOwn(request.outputFile.empty()),
+                                 const Color::MeasurementHeader& header, const std::vector<Row>& kept)
+    : mLayout(layout),
+      mHeader(header),
+      mOwn(request.outputFile.empty()),
       mFile(mOwn ? temporaryFile() : std::filesystem::path(request.outputFile)) {
     try {
-        mMeasurements = std::make_unique<Color::MeasurementFile>(mFile.string(), layout, condition);
+        if (request.repeat > 1) {
+            writeMean();
+        } else if (request.resumeFile.empty()) {
+            mMeasurements = std::make_unique<Color::MeasurementFile>(mFile.string(), layout, header);
+        } else {
+            const std::vector<Color::Reading> readings = readingsOf(kept);
+            replaceFile(mFile.string(), measurementText(layout, header, readings));
+            mMeasurements =
+                std::make_unique<Color::MeasurementFile>(mFile.string(), layout, header, readings);
+        }
     } catch (const Color::CgatsError& error) {
         throw DeviceFailure(error.what());
     }
@@ -60,8 +90,26 @@ MeasurementSink::~MeasurementSink() {
 }
 
 void MeasurementSink::add(const Row& row) {
+    if (!mMeasurements) {
+        mReadings.insert(mReadings.end(), row.readings.begin(), row.readings.end());
+        writeMean();
+        return;
+    }
     try {
         mMeasurements->add(row.readings);
+    } catch (const Color::CgatsError& error) {
+        throw DeviceFailure(error.what());
+    }
+}
+
+void MeasurementSink::writeMean() {
+    replaceFile(mFile.string(), measurementText(mLayout, mHeader, Color::meanReadings(mReadings)));
+}
+
+void MeasurementSink::sync() {
+    try {
+        if (mMeasurements && !mOwn)
+            mMeasurements->sync();
     } catch (const Color::CgatsError& error) {
         throw DeviceFailure(error.what());
     }
@@ -75,15 +123,16 @@ void MeasurementSink::copyTo(Output& output) const {
 }
 
 Scan::Scan(Context& context, const Table& table, const ScanRequest& request, const Color::ChartLayout& layout,
-           std::pair<int, int> rows)
+           ScanPlan plan)
     : mContext(context),
       mTable(table),
       mRequest(request),
       mLayout(layout),
-      mFirstRow(rows.first),
-      mLastRow(rows.second),
-      mProgress(context.output, mLastRow - mFirstRow + 1, patchesInRows(layout, mFirstRow, mLastRow)),
-      mLog(std::filesystem::path(VellService::logFolderPath()) / table.status().attribute("DeviceLogName")) {}
+      mPlan(std::move(plan)),
+      mProgress(context.output, static_cast<int>(mPlan.rows.size()) * request.repeat,
+                patchesInRows(layout, mPlan.rows) * request.repeat),
+      mLog(std::filesystem::path(VellService::logFolderPath()) / table.status().attribute("DeviceLogName")),
+      mRows(mPlan.kept) {}
 
 void Scan::run() {
     if (!mRequest.noPicture)
@@ -113,9 +162,7 @@ void Scan::prepare() {
         mProgress.step("calibrating", "calibrating");
         mMoved = true;
     });
-    const bool withoutUltraviolet = mTable.status().attribute("IlluminationMode") == "0";
-    mSink.emplace(mRequest, mLayout,
-                  withoutUltraviolet ? Color::MeasurementCondition::M2 : Color::MeasurementCondition::M0);
+    mSink.emplace(mRequest, mLayout, headerOf(mRequest, mTable), mPlan.kept);
 }
 
 void Scan::setLowResolution(bool on) {
@@ -124,11 +171,16 @@ void Scan::setLowResolution(bool on) {
 
 void Scan::measure() {
     mProgress.begin();
-    if (!mRequest.rows.empty()) {
-        for (int row = mFirstRow; row <= mLastRow; ++row)
+    for (int pass = 0; pass < mRequest.repeat; ++pass)
+        measureOnce();
+}
+
+void Scan::measureOnce() {
+    if (!mPlan.isWhole) {
+        for (const int row : mPlan.rows)
             take(firstReply(measureCommand(mLayout, {row, mRequest.spotReadings}), 1));
         // The device parks the head by itself only after the chart's last row.
-        if (mLastRow < mLayout.rows - 1)
+        if (!mPlan.rows.empty() && mPlan.rows.back() < mLayout.rows - 1)
             mTable.call({"GoHome", {}});
         return;
     }
@@ -197,6 +249,34 @@ void Scan::abandon() {
     }
 }
 
+// How far the readings of each pass, and those of all, lie from their mean.
+void Scan::tellScatter() {
+    const std::vector<Color::Reading> readings = readingsOf(mRows);
+    const std::vector<Color::Reading> means = Color::meanReadings(readings);
+    const auto tell = [&](int pass, const std::vector<Color::Reading>& part) {
+        const Color::Scatter scatter = scatterOf(part, means);
+        const std::string text = "by " + fixedText(scatter.mean, 2) + " in the mean, " +
+                                 fixedText(scatter.maximum, 2) + " at most (CIEDE2000)";
+        if (mContext.output.isJson())
+            mContext.output.object(Json()
+                                       .add("event", "scatter")
+                                       .add("pass", pass)
+                                       .add("mean", scatter.mean)
+                                       .add("maximum", scatter.maximum));
+        else
+            mProgress.step("scatter",
+                           (pass > 0 ? "pass " + std::to_string(pass) + " scatters " : "all scatter ") +
+                               text);
+    };
+    const auto rowsInPass = std::ssize(mPlan.rows);
+    for (std::ptrdiff_t first = 0; first < std::ssize(mRows); first += rowsInPass) {
+        const auto last = std::min(first + rowsInPass, std::ssize(mRows));
+        tell(static_cast<int>(first / rowsInPass) + 1,
+             readingsOf({mRows.begin() + first, mRows.begin() + last}));
+    }
+    tell(0, readings);
+}
+
 void Scan::finish() {
     const Session::CleanUp cleanUp(mTable.session());
     try {
@@ -212,7 +292,13 @@ void Scan::finish() {
         text += ", " + spotRowsText(state.spotRows);
     if (mSink && !mSink->isOwn())
         text += ", in " + mRequest.outputFile;
+    if (!mRequest.resumeFile.empty())
+        text += ", " + std::to_string(mPlan.kept.size()) + " rows kept";
+    if (mRequest.repeat > 1)
+        tellScatter();
     mProgress.end(isComplete() ? "done" : "incomplete", text);
+    if (mSink)
+        mSink->sync();
     if (mSink && !mContext.output.isJson())
         mSink->copyTo(mContext.output);
     mLog.update();
@@ -223,6 +309,32 @@ void Scan::finish() {
 }
 
 namespace {
+
+// What the interrupted measurement has of the rows, and what is left to do.
+ScanPlan planOf(const ScanRequest& request, const Color::ChartLayout& layout, std::pair<int, int> rows,
+                const Table& table) {
+    ScanPlan plan;
+    std::set<int> kept;
+    if (!request.resumeFile.empty()) {
+        const int spots = std::min(request.spotReadings.value_or(1), kMostSpots);
+        const Color::MeasurementHeader header = headerOf(request, table);
+        try {
+            for (Color::Reading& reading : recoverReadings(request.resumeFile, layout, header, spots)) {
+                if (kept.insert(reading.row).second)
+                    plan.kept.push_back({reading.row, header.condition, {}});
+                plan.kept.back().readings.push_back(std::move(reading));
+            }
+        } catch (const Color::CgatsError& error) {
+            throw UsageFailure(error.what());
+        }
+    }
+    for (int row = rows.first; row <= rows.second; ++row) {
+        if (!kept.contains(row))
+            plan.rows.push_back(row);
+    }
+    plan.isWhole = request.rows.empty() && kept.empty();
+    return plan;
+}
 
 std::pair<int, int> rowRange(const std::string& text, const Color::ChartLayout& layout) {
     if (text.empty())
@@ -260,14 +372,22 @@ void checkFiles(const ScanRequest& request, const Options& options) {
 
 } // namespace
 
-void commands::scan(Context& context, const ScanRequest& request) {
+void commands::scan(Context& context, const ScanRequest& asked) {
+    ScanRequest request = asked;
+    if (!request.resumeFile.empty())
+        request.outputFile = request.resumeFile;
     const Color::ChartLayout layout = readLayout(request.layoutFile, placementOf(request.placement));
     const std::pair<int, int> rows = rowRange(request.rows, layout);
     checkFiles(request, context.options);
     const Table table = Table::find(context);
     const DeviceLock lock(table);
     applyTimeScale(context, table);
-    Scan(context, table, request, layout, rows).run();
+    ScanPlan plan = planOf(request, layout, rows, table);
+    if (plan.rows.empty()) {
+        std::fprintf(stderr, "%s has all of these rows.\n", request.resumeFile.c_str());
+        return;
+    }
+    Scan(context, table, request, layout, std::move(plan)).run();
 }
 
 } // namespace tablectl

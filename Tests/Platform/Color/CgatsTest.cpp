@@ -338,7 +338,8 @@ TEST(MeasurementFileTest, isWholeAfterEveryRowAndLosesNoBit) {
         patch.values = {{"a \"b\" #", true}, {"007.50", false}};
     }
     std::mt19937 random(1);
-    Color::MeasurementFile file(folder.file("out.txt"), layout, MeasurementCondition::M2);
+    Color::MeasurementFile file(folder.file("out.txt"), layout,
+                                Color::MeasurementHeader{MeasurementCondition::M2});
     std::vector<Reading> written;
     EXPECT_TRUE(Color::readMeasurements(folder.file("out.txt")).readings.empty());
     for (int row = 0; row < 2; ++row) {
@@ -351,7 +352,8 @@ TEST(MeasurementFileTest, isWholeAfterEveryRowAndLosesNoBit) {
         written.insert(written.end(), line.begin(), line.end());
 
         const Color::Measurements read = Color::readMeasurements(folder.file("out.txt"));
-        EXPECT_EQ(read.condition, MeasurementCondition::M2);
+        EXPECT_EQ(read.condition, "M2");
+        EXPECT_EQ(read.damage, "");
         ASSERT_EQ(read.readings.size(), written.size());
         for (std::size_t i = 0; i < written.size(); ++i) {
             EXPECT_EQ(read.readings[i].sampleId, layout.patchAt(written[i].row, written[i].column)->sampleId);
@@ -371,7 +373,7 @@ TEST(MeasurementFileTest, aRowThatFindsNoRoomLeavesTheRowsBefore) {
     const std::string path = folder.file("out.txt");
     const ChartLayout layout = Color::parseChartLayout(smallChart(), "small.txt");
     std::mt19937 random(2);
-    Color::MeasurementFile file(path, layout, MeasurementCondition::M0);
+    Color::MeasurementFile file(path, layout, Color::MeasurementHeader());
     file.add(std::array{reading(0, 0, 0, random)});
 
     // A limit on the size of files stands for a full disk.
@@ -391,12 +393,69 @@ TEST(MeasurementFileTest, aRowThatFindsNoRoomLeavesTheRowsBefore) {
     EXPECT_EQ(Color::readMeasurements(path).readings.back().column, 2);
 }
 
+// A file that was cut off anywhere goes back to its whole rows, and grows to what it would have been.
+TEST(MeasurementFileTest, goesOnAfterEveryByte) {
+    const TemporaryFolder folder;
+    const std::string path = folder.file("out.txt");
+    const ChartLayout layout = Color::parseChartLayout(smallChart(), "small.txt");
+    const Color::MeasurementHeader header;
+    std::mt19937 random(3);
+    std::vector<Reading> readings;
+    for (int row = 0; row < 2; ++row) {
+        for (int column = layout.firstColumn(row); column < layout.columns; ++column) {
+            readings.push_back(reading(row, column, 0, random));
+            readings.push_back(reading(row, column, 1, random));
+        }
+    }
+    const std::string whole = measurementText(layout, header, readings);
+    const std::string oneRow = measurementText(layout, header, std::span(readings).first(6));
+    // Killed between the row and the count: the count is one row behind.
+    const std::string torn = replaced(whole, "SETS 10", "SETS 6 ");
+    std::vector<std::string> states = {whole, torn, whole.substr(0, 3000) + std::string(500, '\0')};
+    for (std::size_t length = 0; length<whole.size(); length += length + 40> whole.size() ? 1 : 61) {
+        states.push_back(whole.substr(0, length));
+    }
+    std::size_t kept[3] = {};
+    for (const std::string& state : states) {
+        std::ofstream(path, std::ios::binary) << state;
+        const std::vector<Reading> found = Color::recoverReadings(path, layout, header, 2);
+        ASSERT_TRUE(found.empty() || found.size() == 6 || found.size() == 10) << found.size();
+        ++kept[found.size() / 5];
+        std::ofstream(path, std::ios::binary) << measurementText(layout, header, found);
+        Color::MeasurementFile file(path, layout, header, found);
+        file.add(std::span(readings).subspan(found.size()));
+        std::ifstream stream(path, std::ios::binary);
+        ASSERT_EQ(std::string(std::istreambuf_iterator<char>(stream), {}), whole) << state.size();
+        if (state != whole && state.size() != whole.size() - 1) {
+            try {
+                EXPECT_NE(Color::parseMeasurements(state, "torn.txt").damage, "") << state.size();
+            } catch (const CgatsError&) {
+                // Told from a good one.
+            }
+        }
+    }
+    EXPECT_GT(kept[1], 30U);
+    EXPECT_GT(kept[2], 1U);
+    EXPECT_EQ(Color::parseMeasurements(torn, "torn.txt").readings.size(), 10U);
+    // Another scan's file.
+    for (const auto& [what, by, line] :
+         {std::tuple("M0", "M2", 7), std::tuple("\"a\" 0 0", "\"b\" 0 0", 21)}) {
+        std::ofstream(path, std::ios::binary) << replaced(whole, what, by);
+        try {
+            Color::recoverReadings(path, layout, header, 2);
+            ADD_FAILURE() << by;
+        } catch (const CgatsError& error) {
+            EXPECT_EQ(error.line(), line) << error.what();
+        }
+    }
+}
+
 TEST(MeasurementFileTest, reportsWhatCannotBeWritten) {
     const TemporaryFolder folder;
     const ChartLayout layout = Color::parseChartLayout(smallChart(), "small.txt");
-    EXPECT_THROW(Color::MeasurementFile(folder.file("no/such/out.txt"), layout, MeasurementCondition::M0),
+    EXPECT_THROW(Color::MeasurementFile(folder.file("no/such/out.txt"), layout, Color::MeasurementHeader()),
                  CgatsError);
-    EXPECT_THROW(Color::MeasurementFile("/dev/full", layout, MeasurementCondition::M0), CgatsError);
+    EXPECT_THROW(Color::MeasurementFile("/dev/full", layout, Color::MeasurementHeader()), CgatsError);
 }
 
 } // namespace
