@@ -388,9 +388,25 @@ class AlignTest(ToolsTest):
         self.assertLessEqual(max(map(len, re.findall(r"[^\r\n\x1b]*  step [^\r\n\x1b]*", terminal.shown))), 46)
         self.assertEqual(self.visor(), "no\n")
         self.assertEqual(self.client.send("GetDevicePosition", patience=0).message, "0.000000,0.000000")
-        self.tablectl("scan", aligned, "--output", self.path("out.txt"))
+        self.tablectl("scan", self.layout, "--placement", aligned, "--output", self.path("out.txt"))
         measured = [single(float(reading["SPECTRAL_NM380"])) for reading in read_measurements(self.path("out.txt"))]
         self.assertEqual(measured, [single(spectrum[0]) for spectrum in self.printed.spectra.values()])
+
+    def test_a_target_without_a_place_is_asked_for_it(self):
+        with open(self.path("target.txt"), "w") as file:
+            file.write(re.sub("CHART_.*\n", "", self.printed.text()))
+        arguments = ["align", self.path("target.txt"), "--output", self.path("place.txt")]
+        self.assertIn("--grid does", self.tablectl(*arguments, status=2)[1])
+        process, terminal = self.start_on_terminal(80, *arguments, "--grid", "3x6+4")
+        for corner, typed in (("top left", "43,38.1\n"), ("bottom left", "41.8\n41.8, 58.1\n"), ("bottom right", "91,61\n")):
+            terminal.wait_for(f"{corner} cell? X,Y: ")
+            terminal.press(typed)
+        for stop in ("top left  43.0 38.1", "top right  92.2 41.0", "bottom right  91.0 61.0"):
+            terminal.wait_for(stop)
+            terminal.press("\r")
+        self.assertEqual(process.wait(60), 0)
+        with open(self.path("place.txt")) as file:
+            self.assertIn('CHART_BOTTOM_LEFT "41.8 58.1"', file.read())
 
     def test_leaving_leaves_nothing(self):
         before = sorted(os.listdir(self.folder))

@@ -73,7 +73,7 @@ _tablectl() {
             options+=" --time-scale"
             ;;
         spot) options+=" --count --time-scale" ;;
-        align) options+=" --output --time-scale" ;;
+        align) options+=" --grid --corners --placement --output --time-scale" ;;
         simulate)
             options+=" --attach --detach --serial --identifier --chart --recording --time-scale --noise --fault --table"
             options+=" --spectrophotometer --press"

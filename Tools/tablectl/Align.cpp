@@ -7,14 +7,16 @@
 #include "Table.h"
 #include "Terminal.h"
 
-#include <Color/Cgats.h>
+#include <Color/Placement.h>
+
+#include <poll.h>
+#include <unistd.h>
 
 #include <array>
 #include <cmath>
 #include <complex>
 #include <cstdio>
 #include <numbers>
-#include <sstream>
 #include <utility>
 
 namespace tablectl {
@@ -35,6 +37,10 @@ Color::Point pointOf(const Place& place) {
     return {place.real(), place.imag()};
 }
 
+struct UserLeft : Failure {
+    UserLeft() : Failure(1, "align: left, nothing is changed") {}
+};
+
 // A patch that the visor is set on.
 struct Stop {
     std::string name;
@@ -45,27 +51,31 @@ struct Stop {
 
 // Three patches that tell where the others are, of a smaller chart fewer; all of them are printed ones: a
 // short last row begins with empty cells.
-class Corners {
+class CornerPatches {
 public:
-    explicit Corners(const Color::ChartLayout& layout) : mLayout(layout) {
-        const Place topLeft = placeOf(layout.topLeft);
-        const Place bottomLeft = placeOf(layout.bottomLeft);
-        const Place bottomRight = placeOf(layout.bottomRight);
-        const auto add = [this](const char* name, const Place& expected) {
-            mStops.push_back({name, expected, expected, false});
-        };
-        if (layout.rows == 1 || layout.columns == 1) {
-            add("first", topLeft);
-            if (layout.rows > 1 || layout.columns > 1)
-                add("last", bottomRight);
-            return;
-        }
-        add("top left", topLeft);
-        if (isLastRowShort())
-            add("top right", topLeft + bottomRight - bottomLeft);
+    explicit CornerPatches(const Color::Grid& grid) : mGrid(grid) {
+        std::vector<const char*> names;
+        if (grid.rows > 1 && grid.columns > 1)
+            names = {"top left", isLastRowShort() ? "top right" : "bottom left", "bottom right"};
+        else if (grid.rows > 1 || grid.columns > 1)
+            names = {"first", "last"};
         else
-            add("bottom left", bottomLeft);
-        add("bottom right", bottomRight);
+            names = {"only"};
+        for (const char* const name : names)
+            mStops.push_back({name, {}, {}, false});
+    }
+
+    // Where they are looked for.
+    void expectAt(const Color::Corners& corners) {
+        mStops.back().expected = placeOf(corners.bottomRight);
+        mStops.front().expected = placeOf(corners.topLeft);
+        if (mStops.size() == 3) {
+            const Place bottomLeft = placeOf(corners.bottomLeft);
+            mStops[1].expected =
+                isLastRowShort() ? mStops.front().expected + mStops.back().expected - bottomLeft : bottomLeft;
+        }
+        for (Stop& stop : mStops)
+            stop.place = stop.expected;
     }
 
     std::size_t count() const { return mStops.size(); }
@@ -94,23 +104,19 @@ public:
         return isOnALine ? "the three lie on one line" : "";
     }
 
-    Color::ChartLayout layout() const {
-        Color::ChartLayout moved = mLayout;
+    Color::Placement placement() const {
         const Place first = mStops.front().place;
         const Place last = mStops.back().place;
-        Place bottomLeft = mLayout.columns == 1 ? last : first;
+        Place bottomLeft = mGrid.columns == 1 ? last : first;
         if (mStops.size() == 3)
             bottomLeft = isLastRowShort() ? first + last - mStops[1].place : mStops[1].place;
-        moved.topLeft = pointOf(first);
-        moved.bottomLeft = pointOf(bottomLeft);
-        moved.bottomRight = pointOf(last);
-        return moved;
+        return {mGrid, {pointOf(first), pointOf(bottomLeft), pointOf(last)}};
     }
 
 private:
-    bool isLastRowShort() const { return mLayout.firstColumn(mLayout.rows - 1) > 0; }
+    bool isLastRowShort() const { return mGrid.firstColumn(mGrid.rows - 1) > 0; }
 
-    const Color::ChartLayout& mLayout;
+    Color::Grid mGrid;
     std::vector<Stop> mStops;
 };
 
@@ -161,19 +167,19 @@ private:
 // The walk from patch to patch.
 class Aligner {
 public:
-    Aligner(const Table& table, const Color::ChartLayout& layout)
-        : mTable(table), mCorners(layout), mPointing(table) {}
+    Aligner(const Table& table, CornerPatches corners)
+        : mTable(table), mCorners(std::move(corners)), mPointing(table) {}
     ~Aligner() { std::fputs("\r\033[K", stderr); }
     Aligner(const Aligner&) = delete;
     Aligner& operator=(const Aligner&) = delete;
 
-    // The layout with the corners that were taken; throws Failure when the user leaves.
-    Color::ChartLayout run() {
+    // Where the chart lies; throws Failure when the user leaves.
+    Color::Placement run() {
         std::fputs("Set the visor on the middle of the chart's corner patches.\n", stderr);
         go(0);
         while (mAt < mCorners.count())
             handle(nextKey());
-        return mCorners.layout();
+        return mCorners.placement();
     }
 
 private:
@@ -206,19 +212,17 @@ private:
         case Key::enter:
             return take();
         case Key::closed:
-            throw left();
+            throw UserLeft();
         case Key::character:
             break;
         }
         if (press.character == 'q')
-            throw left();
+            throw UserLeft();
         if (press.character == 's')
             mStep = (mStep + 1) % kSteps.size();
         if (press.character == 'b' && mAt > 0 && settle())
             go(mAt - 1);
     }
-
-    static Failure left() { return Failure(1, "align: left, nothing is changed"); }
 
     void go(std::size_t index) {
         mAt = index;
@@ -284,7 +288,7 @@ private:
     }
 
     const Table& mTable;
-    Corners mCorners;
+    CornerPatches mCorners;
     Pointing mPointing;
     Keyboard mKeyboard;
     std::size_t mAt = 0;
@@ -301,7 +305,7 @@ struct Lie {
     double across = 0;
     double down = 0;
 
-    explicit Lie(const Color::ChartLayout& layout) {
+    explicit Lie(const Color::Placement& layout) {
         const Place row = placeOf(layout.bottomRight) - placeOf(layout.bottomLeft);
         const Place column = placeOf(layout.bottomLeft) - placeOf(layout.topLeft);
         // Rounded, as no one lays a chart down more exactly; and without a negative zero.
@@ -335,50 +339,82 @@ struct Lie {
     }
 };
 
-// The layout's text with other corners; everything else stays as it is.
-std::string withCorners(const std::string& text, const Color::ChartLayout& layout) {
-    const std::array<std::pair<std::string, Color::Point>, 3> corners = {
-        {{"CHART_TOP_LEFT", layout.topLeft},
-         {"CHART_BOTTOM_LEFT", layout.bottomLeft},
-         {"CHART_BOTTOM_RIGHT", layout.bottomRight}}};
-    std::istringstream lines(text);
-    std::string result;
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream words(line);
-        std::string keyword;
-        words >> keyword;
-        for (const auto& [name, point] : corners) {
-            if (keyword == name)
-                line = name + " \"" + numberText(point.x) + " " + numberText(point.y) + "\"" +
-                       (line.ends_with('\r') ? "\r" : "");
-        }
-        result += line + "\n";
+// What the user types before Return.
+std::string typedLine(Session& session) {
+    std::string line;
+    for (;;) {
+        session.sleep(Session::Seconds(0)); // ends with an interruption
+        pollfd input{STDIN_FILENO, POLLIN, 0};
+        if (poll(&input, 1, static_cast<int>(kLookAround.count())) <= 0)
+            continue;
+        char character = 0;
+        if (read(STDIN_FILENO, &character, 1) != 1)
+            throw UserLeft();
+        if (character == '\n')
+            return line;
+        line += character;
     }
-    return result;
+}
+
+// Asks for places that no file tells.
+Color::Corners askForCorners(Session& session) {
+    Color::Corners corners;
+    for (const auto& [name, point] : {std::pair("top left", &corners.topLeft),
+                                      {"bottom left", &corners.bottomLeft},
+                                      {"bottom right", &corners.bottomRight}}) {
+        char rest = 0;
+        do {
+            std::fprintf(stderr, "About where is the grid's %s cell? X,Y: ", name);
+        } while (std::sscanf(typedLine(session).c_str(), "%lf ,%lf %c", &point->x, &point->y, &rest) != 2);
+    }
+    return corners;
+}
+
+// What the command line says of the place, and the target itself.
+Color::PlacementParts partsOf(const AlignRequest& request) {
+    Color::PlacementParts parts = placementOf(request.placement);
+    try {
+        const Color::PlacementParts own = Color::readPlacementParts(request.targetFile);
+        if (!parts.grid)
+            parts.grid = own.grid;
+        if (!parts.corners)
+            parts.corners = own.corners;
+    } catch (const Color::CgatsError& error) {
+        throw UsageFailure(error.what());
+    }
+    if (!parts.grid)
+        throw UsageFailure(request.targetFile +
+                           ": does not say how many rows and columns it has; --grid does");
+    return parts;
 }
 
 } // namespace
 
-void commands::align(Context& context, const std::string& layoutFile, const std::string& outputFile) {
-    const Color::ChartLayout layout = readLayout(layoutFile);
-    const std::string text = readFile(layoutFile);
-    if (!outputFile.empty())
-        checkWritable(outputFile);
+void commands::align(Context& context, const AlignRequest& request) {
+    const Color::PlacementParts parts = partsOf(request);
+    if (!request.outputFile.empty()) {
+        if (isSameFile(request.outputFile, request.targetFile))
+            throw UsageFailure(request.outputFile + ": the placement would replace the target");
+        checkWritable(request.outputFile);
+    }
     if (!hasKeyboard() || !isTerminal(Stream::error))
         throw UsageFailure("align: needs a terminal, for the keys and for what they do");
     const Table table = Table::find(context);
     const DeviceLock lock(table);
     applyTimeScale(context, table);
-    const Color::ChartLayout found = Aligner(table, layout).run();
-    const std::string aligned = withCorners(text, found);
-    if (!outputFile.empty())
-        replaceFile(outputFile, aligned);
-    const Lie lie(found);
+    CornerPatches corners(*parts.grid);
+    corners.expectAt(parts.corners ? *parts.corners : askForCorners(context.session));
+    const Color::Placement placement = Aligner(table, std::move(corners)).run();
+    const std::string text = Color::placementText(
+        placement, "Where " + std::filesystem::path(request.targetFile).filename().string() + " lies");
+    if (!request.outputFile.empty())
+        replaceFile(request.outputFile, text);
+    const Lie lie(placement);
     std::fprintf(stderr, "The chart is %s.\n", lie.text().c_str());
     if (context.output.isJson())
         context.output.line(lie.json());
-    else if (outputFile.empty())
-        context.output.write(aligned);
+    else if (request.outputFile.empty())
+        context.output.write(text);
 }
 
 } // namespace tablectl

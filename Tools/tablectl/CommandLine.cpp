@@ -269,15 +269,16 @@ void Grammar::addPlaces() {
     spotCommand.add_option("--count", spot->count, "Read it N times")->type_name("N")->check(kCount);
     addTimeScale(spotCommand);
 
-    using Pair = std::pair<std::string, std::string>;
-    const auto files = std::make_shared<Pair>();
-    CLI::App& align =
-        add("align", "Finds out where a chart lies: arrow keys set the visor on its corners",
-            [files](Context& context) { commands::align(context, files->first, files->second); });
-    align.add_option("TARGET", files->first, "The chart's layout file")->type_name("")->required();
+    const auto request = std::make_shared<AlignRequest>();
+    CLI::App& align = add("align", "Finds out where a chart lies: arrow keys set the visor on its corners",
+                          [request](Context& context) { commands::align(context, *request); });
+    align.add_option("TARGET", request->targetFile, "The chart's layout file, or a target without a place")
+        ->type_name("")
+        ->required();
+    addPlacement(align, request->placement);
     align
-        .add_option("--output", files->second,
-                    "The layout with the corners that were found (default: standard output)")
+        .add_option("--output", request->outputFile,
+                    "The placement, for scan --placement (default: standard output)")
         ->type_name("FILE");
     addTimeScale(align);
 }

@@ -33,6 +33,12 @@ struct ScanRequest {
     bool noPicture = false; // of the chart as it fills
 };
 
+struct AlignRequest {
+    std::string targetFile;
+    PlacementRequest placement; // where the corners are looked for
+    std::string outputFile;     // "": to standard output
+};
+
 // What is to change of a virtual instrument.
 struct SimulationChanges {
     std::string attach; // the path of a new table; "": an attached one is changed
@@ -70,7 +76,7 @@ void send(Context& context, const std::string& name, const std::vector<std::stri
 void lock(Context& context, double seconds);
 
 // Align.cpp and Spot.cpp
-void align(Context& context, const std::string& layoutFile, const std::string& outputFile);
+void align(Context& context, const AlignRequest& request);
 void spot(Context& context, const Color::Point& place, int count);
 
 // Scan.cpp and SimulateCommand.cpp
