@@ -6,6 +6,7 @@ packages_to_fuzz="clang libclang-rt-dev"
 packages_to_measure="libbenchmark-dev libeigen3-dev libopenblas-dev libuv1-dev"
 # Without them the tests of report, package and types are skipped.
 packages_to_check="clang-format chromium dpkg-dev file mypy"
+packages_to_fetch="npm" # or whatever else brings the program of that name
 
 # Whether the package is there, whole.
 is_installed() {
@@ -33,6 +34,12 @@ require_packages() {
     # Word splitting makes the list.
     # shellcheck disable=SC2086
     $as_root apt-get -qq install -y --no-install-recommends $missing >/dev/null
+}
+
+# Installs the npm packages that tests use, beside these; without them one test of the report is skipped.
+require_npm_packages() {
+    command -v npm >/dev/null || require_packages $packages_to_fetch
+    npm ci --prefix Tests/Tools --no-audit --no-fund --silent
 }
 
 # Configures and builds a preset: build_preset NAME [CMake option...]

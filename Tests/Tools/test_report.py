@@ -1,15 +1,22 @@
 """The report of a scan, as a browser shows it."""
 
 import html
+import http.server
 import json
+import os
+import queue
 import re
 import shutil
 import subprocess
+import threading
 import unittest
 
-from support import Chart, ToolsTest
+from support import PATIENCE, Chart, ToolsTest, wait_until
 
 BROWSER = shutil.which("chromium")
+AXE = os.path.join(os.path.dirname(__file__), "node_modules", "axe-core", "axe.min.js")
+FLAGS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+         "--disable-background-networking", "--disable-component-update", "--disable-sync"]
 
 # Runs in the page, after its own script: walks by keyboard, then leaves what it saw in the title.
 PROBE = """
@@ -54,7 +61,85 @@ FRAME = """<!DOCTYPE html>
 """
 
 
+# Watches the page of a running scan: picks a patch once, then notes what each later page shows.
+FOLLOWER = """<!DOCTYPE html>
+<iframe id="frame" src="report.html" width="900" height="900"></iframe>
+<script>
+const frame = document.getElementById("frame"), seen = [];
+let end;
+frame.onload = () => {
+  const page = frame.contentDocument;
+  if (!seen.length) page.querySelector("[aria-label^='P2-1,']").dispatchEvent(new MouseEvent("click"));
+  const isRunning = !page.getElementById("running").hidden;
+  seen.push([isRunning, page.getElementById("picked").textContent, page.querySelector(".figure:last-child b").textContent,
+             page.activeElement.getAttribute("aria-label")?.slice(0, 5)]);
+  clearTimeout(end);
+  if (!isRunning) end = setTimeout(() => fetch("seen", {method: "POST", body: JSON.stringify(seen)}), 3000);
+};
+</script>
+"""
+
+# Has the checker look at the page in two widths, and leaves what it finds.
+CHECKED = """<!DOCTYPE html>
+<script type="module">
+const found = {isDark: matchMedia("(prefers-color-scheme: dark)").matches, violations: []};
+for (const width of [390, 1400]) {
+  const frame = document.createElement("iframe");
+  Object.assign(frame, {src: "report.html", width, height: 900});
+  document.body.append(frame);
+  await new Promise(resolve => frame.onload = resolve);
+  const script = frame.contentDocument.createElement("script");
+  script.src = "axe.js";
+  frame.contentDocument.head.append(script);
+  await new Promise(resolve => script.onload = resolve);
+  const {violations, passes} = await frame.contentWindow.axe.run();
+  found.passes = passes.length;
+  found.chart = getComputedStyle(frame.contentDocument.getElementById("chart")).backgroundColor;
+  for (const {id, nodes} of violations) found.violations.push([width, id, nodes.map(node => node.html)]);
+}
+fetch("seen", {method: "POST", body: JSON.stringify(found)});
+</script>
+"""
+
+
 class ReportTest(ToolsTest):
+    def browse(self, pages, *flags):
+        """Serves pages (texts, files, or what gives one) to a browser until the first posts what it has seen."""
+        seen = queue.Queue()
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def do_GET(self):
+                page = pages.get(self.path)
+                if callable(page):
+                    page = page()
+                if page is not None and os.path.isabs(page):
+                    with open(page) as file:
+                        page = file.read()
+                self.send_response(404 if page is None else 200)
+                self.send_header("Content-Type", "text/javascript" if self.path.endswith(".js") else "text/html")
+                self.end_headers()
+                self.wfile.write((page or "").encode())
+
+            def do_POST(self):
+                seen.put(json.loads(self.rfile.read(int(self.headers["Content-Length"]))))
+                self.send_response(204)
+                self.end_headers()
+
+            def log_message(self, *_):
+                pass
+
+        with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler) as server:
+            threading.Thread(target=server.serve_forever, daemon=True).start()
+            browser = subprocess.Popen([BROWSER, *FLAGS, *flags, f"--user-data-dir={self.path('browser')}",
+                                        "--remote-debugging-port=0", f"http://127.0.0.1:{server.server_port}/"],
+                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            try:
+                return seen.get(timeout=PATIENCE)
+            finally:
+                browser.terminate()
+                browser.wait()
+                server.shutdown()
+
     def report(self, chart, on_table, *options):
         layout = self.write_chart(chart)
         self.tablectl("--simulated", self.write_chart(on_table, "table.txt"), "scan", layout, "--time-scale", "0",
@@ -66,9 +151,7 @@ class ReportTest(ToolsTest):
         """What the browser shows of a page of that width."""
         with open(self.path("probed.html"), "w") as file:
             file.write(FRAME.format(width=width, page=html.escape(page.replace("</body>", PROBE + "</body>"))))
-        flags = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-                 "--disable-background-networking", "--disable-component-update", "--disable-sync"]
-        document = subprocess.run([BROWSER, *flags, f"--user-data-dir={self.path('browser')}",
+        document = subprocess.run([BROWSER, *FLAGS, f"--user-data-dir={self.path('browser')}",
                                    "--window-size=1280,1000", "--dump-dom", "file://" + self.path("probed.html")],
                                   capture_output=True, text=True, timeout=120).stdout
         title = re.search(r"<title>(.*?)</title>", document).group(1)
@@ -104,6 +187,48 @@ class ReportTest(ToolsTest):
         chart.spectra[1, 1] = chart.spectra[1, 2]
         self.report(chart, chart)
         self.assertEqual(self.conditions()[0]["Rows read by spots"], "not known")
+
+    @unittest.skipUnless(BROWSER, "chromium is not installed")
+    def test_it_follows_a_scan_that_goes_on(self):
+        report = self.path("report.html")
+        layout = self.write_chart(Chart(8, 5))
+        self.start_service()
+        self.attach("usb:table", Chart=layout)
+        self.connect()
+        self.tablectl("calibrate")
+        self.tablectl("simulate", "--time-scale", "5")  # until the page has been looked at three times
+        scan = self.start("tablectl", "scan", layout, "--report", report, stdout=subprocess.DEVNULL, stderr=-1)
+        wait_until(lambda: os.path.exists(report), "the report of a scan that has begun")
+        looks = iter(range(3))
+
+        def look():
+            if next(looks, None) == 2:
+                self.tablectl("simulate", "--time-scale", "0")
+            return report
+
+        seen = self.browse({"/": FOLLOWER, "/report.html": look})
+        self.assertEqual(scan.wait(PATIENCE), 0)
+        running, picked, counts, focus = zip(*seen)
+        self.assertGreaterEqual(len(seen), 3)
+        self.assertEqual(running, (True,) * (len(seen) - 1) + (False,))
+        self.assertEqual(set(picked), {"P2-1 (row 2, column 1)"})
+        self.assertEqual(set(focus), {"P2-1,"})
+        measured = [int(count.split()[0]) for count in counts]
+        self.assertEqual((measured, measured[-1]), (sorted(measured), 40))
+        self.assertLess(measured[0], 40)
+
+    @unittest.skipUnless(BROWSER, "chromium is not installed")
+    @unittest.skipUnless(os.path.exists(AXE), "axe-core is not installed: npm ci in this folder")
+    def test_a_checker_of_accessibility_finds_nothing(self):
+        chart = Chart(3, 4, last=2)
+        chart.spectra[0, 2] = chart.spectra[0, 1]
+        self.report(chart, chart, "--rows", "0-1")
+        pages = {"/": CHECKED, "/report.html": self.path("report.html"), "/axe.js": AXE}
+        for is_dark, flags in ((False, []), (True, ["--blink-settings=preferredColorScheme=0"])):
+            found = self.browse(pages, *flags)
+            self.assertEqual(found["violations"], [])
+            self.assertGreater(found["passes"], 10)
+            self.assertEqual((found["isDark"], found["chart"]), (is_dark, "rgb(255, 255, 255)"))
 
     @unittest.skipUnless(BROWSER, "chromium is not installed")
     def test_it_shows_what_differs(self):

@@ -32,6 +32,13 @@ bool writeAll(int descriptor, std::string_view text) {
     return true;
 }
 
+void overwrite(const std::string& file, std::string_view text) {
+    std::ofstream stream(file, std::ios::binary);
+    stream << text << std::flush;
+    if (!stream)
+        failWriting(file);
+}
+
 // The rights that a new file would have.
 mode_t usualMode() {
     const mode_t mask = umask(0);
@@ -67,15 +74,15 @@ std::string readFile(const std::string& file) {
     return text;
 }
 
-void replaceFile(const std::string& file, std::string_view text) {
+bool isReplaceable(const std::string& file) {
     std::error_code ignored;
-    if (std::filesystem::exists(file, ignored) && !std::filesystem::is_regular_file(file, ignored)) {
-        std::ofstream stream(file, std::ios::binary);
-        stream << text << std::flush;
-        if (!stream)
-            failWriting(file);
-        return;
-    }
+    return !std::filesystem::exists(file, ignored) || std::filesystem::is_regular_file(file, ignored);
+}
+
+void replaceFile(const std::string& file, std::string_view text) {
+    if (!isReplaceable(file))
+        return overwrite(file, text);
+    std::error_code ignored;
     // Of a link the file that it leads to.
     const std::filesystem::path target = std::filesystem::weakly_canonical(file, ignored);
     struct stat before {};
@@ -83,7 +90,7 @@ void replaceFile(const std::string& file, std::string_view text) {
     std::string unfinished = (target.parent_path() / ("." + target.filename().string() + "-XXXXXX")).string();
     const int descriptor = mkstemp(unfinished.data());
     if (descriptor < 0)
-        failWriting(file);
+        return overwrite(file, text); // in a folder that takes no new files
     const bool isWritten = fchmod(descriptor, mode) == 0 && writeAll(descriptor, text);
     const int problem = errno;
     if (close(descriptor) == 0 && isWritten && rename(unfinished.c_str(), target.c_str()) == 0)

@@ -15,9 +15,12 @@ void checkWritable(const std::string& file);
 
 // The whole file; throws DeviceFailure.
 std::string readFile(const std::string& file);
-// Replaces a file in one step, so that nobody ever reads half of it; what is no regular file (a pipe, a
-// terminal) is written to. Throws DeviceFailure when that fails, and the file is as it was.
+// Replaces a file in one step, so that nobody ever reads half of it, where its folder takes new files; what
+// is no regular file (a pipe, a terminal) is written to. Throws DeviceFailure when that fails.
 void replaceFile(const std::string& file, std::string_view text);
+
+// Whether the file is one that may be replaced again and again: a regular one, or none yet.
+bool isReplaceable(const std::string& file);
 
 // The folder for temporary files; throws DeviceFailure when there is none.
 std::filesystem::path temporaryFolder();

@@ -1,16 +1,13 @@
 #include "Report.h"
 
-#include "Errors.h"
+#include "Files.h"
 #include "Output.h"
 
 #include <Color/Colorimetry.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
-#include <fstream>
 #include <map>
 #include <set>
 
@@ -124,6 +121,8 @@ std::string now() {
 }
 
 std::string spotsText(const ReportContent& content) {
+    if (content.spotsWereAskedFor && content.rows.empty())
+        return "all, as asked";
     if (content.spotsWereAskedFor)
         return "all, as asked: " + std::to_string(content.rows.front().readings.back().spotIndex + 1) +
                " for each patch";
@@ -144,12 +143,15 @@ std::size_t rowsIn(const ReportContent& content) {
 }
 
 std::string conditionsJson(const ReportContent& content) {
-    const bool withoutUltraviolet = content.rows.front().condition == Color::MeasurementCondition::M2;
-    TextTable conditions = {
-        {"Illuminant, observer", "D50, 2 degrees"},
-        {"Measurement condition", withoutUltraviolet ? "M2" : "M0"},
+    TextTable conditions = {{"Illuminant, observer", "D50, 2 degrees"}};
+    if (!content.rows.empty()) {
+        const bool withoutUltraviolet = content.rows.front().condition == Color::MeasurementCondition::M2;
+        conditions.emplace_back("Measurement condition", withoutUltraviolet ? "M2" : "M0");
+    }
+    const TextTable course = {
         {"Rows measured", std::to_string(rowsIn(content)) + " of " + std::to_string(content.layout.rows)},
         {"Rows read by spots", spotsText(content)}};
+    conditions.insert(conditions.end(), course.begin(), course.end());
     if (!content.failure.empty())
         conditions.emplace_back("Ended early", content.failure);
     if (content.device) {
@@ -168,12 +170,18 @@ std::string countText(int count, const std::string& what) {
     return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
+bool isBlank(const std::string& text) {
+    return text.find_first_not_of(" \t") == text.npos;
+}
+
 std::string dataJson(const ReportContent& content) {
     const Color::ChartLayout& layout = content.layout;
     std::string json = Json()
-                           .add("title", layout.descriptor.empty() ? "Chart measurement" : layout.descriptor)
+                           .add("title", isBlank(layout.descriptor) ? "Chart measurement" : layout.descriptor)
                            .add("subtitle", now() + ", " + countText(layout.rows, "row") + " by " +
                                                 countText(layout.columns, "column"))
+                           .add("isRunning", content.isRunning)
+                           .add("written", static_cast<long>(std::time(nullptr)))
                            .addRaw("chart", chartJson(layout))
                            .addRaw("conditions", conditionsJson(content))
                            .addRaw("warnings", jsonTexts(content.warnings))
@@ -193,11 +201,7 @@ void writeReport(const std::string& file, const ReportContent& content) {
     static const std::string kMark = "@DATA@";
     std::string page = kReportPage;
     page.replace(page.find(kMark), kMark.size(), dataJson(content));
-    std::ofstream stream(file, std::ios::binary);
-    stream << page;
-    stream.close();
-    if (!stream)
-        throw DeviceFailure(file + ": cannot be written: " + std::strerror(errno));
+    replaceFile(file, page);
 }
 
 } // namespace tablectl

@@ -170,6 +170,7 @@ void Scan::setLowResolution(bool on) {
 }
 
 void Scan::measure() {
+    reportCourse();
     mProgress.begin();
     for (int pass = 0; pass < mRequest.repeat; ++pass)
         measureOnce();
@@ -227,6 +228,25 @@ void Scan::take(const Reply& reply) {
                   mRequest.spotReadings ? std::optional(false) : mLog.wasSpotRead(row.row),
                   wantsReadings ? readingsJson(row, mLayout) : "");
     mRows.push_back(std::move(row));
+    reportCourse();
+}
+
+void Scan::report(bool isRunning) const {
+    const ProgressState& state = mProgress.state();
+    writeReport(mRequest.reportFile,
+                {mLayout, mTable.session().status(mTable.path()), mRows, mRequest.spotReadings.has_value(),
+                 state.spotRows, state.knowsSpotRows, mLog.warnings(), mFailure, isRunning});
+}
+
+// The report of a scan that goes on. A large chart's takes its time: no more than a tenth of it all.
+void Scan::reportCourse() {
+    const auto begin = Clock::now();
+    if (mRequest.reportFile.empty() || !isReplaceable(mRequest.reportFile) || begin < mNextReport)
+        return;
+    report(true);
+    mIsReported = true;
+    const auto end = Clock::now();
+    mNextReport = end + 9 * (end - begin);
 }
 
 // Ends what is under way on the device, and keeps the rows that still come.
@@ -302,10 +322,8 @@ void Scan::finish() {
     if (mSink && !mContext.output.isJson())
         mSink->copyTo(mContext.output);
     mLog.update();
-    if (!mRequest.reportFile.empty() && !mRows.empty())
-        writeReport(mRequest.reportFile, {mLayout, mTable.session().status(mTable.path()), mRows,
-                                          mRequest.spotReadings.has_value(), state.spotRows,
-                                          state.knowsSpotRows, mLog.warnings(), mFailure});
+    if (!mRequest.reportFile.empty() && (mIsReported || !mRows.empty()))
+        report(false);
 }
 
 namespace {

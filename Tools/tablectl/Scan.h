@@ -8,6 +8,7 @@
 
 #include <Color/MeasurementFile.h>
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -68,6 +69,8 @@ private:
     Reply firstReply(const Command& command, int replies); // and the exchange for those that follow
     Reply awaitReply();
     void take(const Reply& reply);
+    void report(bool isRunning) const;
+    void reportCourse();
     void abandon();
     void finish();
     bool isComplete() const { return mProgress.state().rowsDone == mProgress.state().rows; }
@@ -86,6 +89,8 @@ private:
     bool mMoved = false;               // the head is no longer where the scan found it
     bool mLowResolutionIsOurs = false; // and was off before
     std::vector<Row> mRows;            // those that were kept, and those that were read
+    bool mIsReported = false;                            // the report's page is there
+    std::chrono::steady_clock::time_point mNextReport{}; // not before that
 };
 
 } // namespace tablectl
