@@ -28,35 +28,19 @@ TEST_F(Plugin, CommandTableReachesClients) {
     plugin->didReceiveCommand(command);
     ASSERT_EQ(posts().size(), 1U);
     EXPECT_EQ(posts()[0].code, 0);
-    const std::vector<std::pair<std::string, std::vector<std::string>>> expected{
-        {"GetCommands", {}},
-        {"Poll", {}},
-        {"poll", {}},
-        {"Status", {}},
-        {"Disable", {}},
-        {"Enable", {}},
-        {"Quit", {}},
-        {"Measure", {"source", "Rows"}},
-        {"SetMode", {"Mode"}},
-        {"Calibrate", {"source"}},
-        {"SetAttribute", {"Key", "value"}},
-        {"Extra", {}}};
-    const VellDataRef encoded = copyLastPostedData();
-    const VellObjectRef table = VellCoderCopyRootObjectWithEncodedData(encoded);
-    const auto dictionary = static_cast<VellDictionaryRef>(VellCheckedCast(table, "VellDictionaryRef"));
-    ASSERT_EQ(VellDictionaryGetCount(dictionary), static_cast<int>(expected.size()));
-    for (std::size_t index = 0; index < expected.size(); ++index) {
-        const VellStringRef key = VellDictionaryGetKeyAtIndex(dictionary, static_cast<int>(index));
-        EXPECT_STREQ(textOf(key), expected[index].first.c_str());
-        const auto arguments = static_cast<VellArrayRef>(VellDictionaryGetValueForKey(dictionary, key));
-        std::vector<std::string> names;
-        for (int argument = 0; argument < VellArrayGetCount(arguments); ++argument)
-            names.emplace_back(
-                textOf(static_cast<VellStringRef>(VellArrayGetValueAtIndex(arguments, argument))));
-        EXPECT_EQ(names, expected[index].second) << expected[index].first;
-    }
-    VellRelease(table);
-    VellRelease(encoded);
+    const CommandTable expected{{"GetCommands", {}},
+                                {"Poll", {}},
+                                {"poll", {}},
+                                {"Status", {}},
+                                {"Disable", {}},
+                                {"Enable", {}},
+                                {"Quit", {}},
+                                {"Measure", {"source", "Rows"}},
+                                {"SetMode", {"Mode"}},
+                                {"Calibrate", {"source"}},
+                                {"SetAttribute", {"Key", "value"}},
+                                {"Extra", {}}};
+    EXPECT_EQ(postedCommandTable(), expected);
 }
 
 TEST_F(Plugin, BuiltInCommands) {

@@ -71,7 +71,7 @@ extern "C" void VellDeviceCommandResponsePost(VellDeviceCommandResponseRef respo
                               text(VellDeviceCommandGetArgument(command, key)),
                               VellDeviceCommandResponseGetCode(response),
                               text(VellDeviceCommandResponseGetMessage(response)), set != nullptr,
-                              patchesOf(set), std::this_thread::get_id() == gMainThread});
+                              patchesOf(set), std::this_thread::get_id() == gMainThread, gStatusPosts});
             VellRelease(set);
             VellRelease(command);
         }
@@ -107,11 +107,24 @@ int statusPosts() {
     return gStatusPosts;
 }
 
-VellDataRef copyLastPostedData() {
+CommandTable postedCommandTable() {
     const std::lock_guard lock(gLock);
+    CommandTable table;
     if (gResponses.empty())
-        return nullptr;
-    return static_cast<VellDataRef>(VellRetain(VellDeviceCommandResponseGetData(gResponses.back())));
+        return table;
+    const VellObjectRef decoded =
+        VellCoderCopyRootObjectWithEncodedData(VellDeviceCommandResponseGetData(gResponses.back()));
+    const auto commands = static_cast<VellDictionaryRef>(VellCheckedCast(decoded, "VellDictionaryRef"));
+    for (int index = 0; index < VellDictionaryGetCount(commands); ++index) {
+        const VellStringRef name = VellDictionaryGetKeyAtIndex(commands, index);
+        const auto arguments = static_cast<VellArrayRef>(VellDictionaryGetValueForKey(commands, name));
+        std::vector<std::string> names;
+        for (int argument = 0; argument < VellArrayGetCount(arguments); ++argument)
+            names.push_back(text(static_cast<VellStringRef>(VellArrayGetValueAtIndex(arguments, argument))));
+        table.emplace_back(text(name), names);
+    }
+    VellRelease(decoded);
+    return table;
 }
 
 void clearPosts() {

@@ -5,6 +5,7 @@
 
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace test {
@@ -24,14 +25,16 @@ struct Post {
     bool hasMeasurements;
     std::vector<Patch> patches; // one per reading
     bool onMainThread;          // posted by the thread that last called clearPosts
+    int statusesBefore;         // status posts since then
 };
 
 // A response that is posted again is noted once. Any thread.
 std::vector<Post> posts();
 std::vector<Post> postsFor(const std::string& command);
 int statusPosts();
-// The data that the last response carried; the caller releases it. Null when there was none.
-VellDataRef copyLastPostedData();
+// The command table that the last response carried.
+using CommandTable = std::vector<std::pair<std::string, std::vector<std::string>>>;
+CommandTable postedCommandTable();
 void clearPosts();
 
 } // namespace test

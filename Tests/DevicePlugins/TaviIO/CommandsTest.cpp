@@ -1,5 +1,7 @@
 #include "DriverBench.h"
 
+#include <algorithm>
+
 namespace test {
 namespace {
 
@@ -7,6 +9,46 @@ class Commands : public DriverBench {
 protected:
     void SetUp() override { makeReady(); }
 };
+
+TEST_F(Commands, TableListsTheDriversBesideTheFramework) {
+    clearPosts();
+    ask("GetCommands");
+    const CommandTable expected{{"GetCommands", {}},
+                                {"Poll", {}},
+                                {"poll", {}},
+                                {"Status", {}},
+                                {"Disable", {}},
+                                {"Enable", {}},
+                                {"Quit", {}},
+                                {"Measure",
+                                 {"source", "TopLeftX", "TopLeftY", "BotLeftX", "BotLeftY", "BotRightX",
+                                  "BotRightY", "Rows", "Columns"}},
+                                {"SetMode", {"Mode"}},
+                                {"Calibrate", {"source"}},
+                                {"SetAttribute", {"Key", "value", "Key", "Value"}},
+                                {"SetDevicePosition", {"x", "y"}},
+                                {"GetDevicePosition", {}},
+                                {"GoHome", {}},
+                                {"MeasureCancel", {}},
+                                {"CancelMeasure", {}}};
+    EXPECT_EQ(postedCommandTable(), expected);
+}
+
+TEST_F(Commands, StatusesPrecedeTheAnswerButThatOfABusyDevice) {
+    const auto statusesBefore = [&](const char* name, const std::map<std::string, std::string>& arguments) {
+        clearPosts();
+        const int before = ask(name, arguments).statusesBefore;
+        EXPECT_EQ(statusPosts(), std::max(before, 1)) << name;
+        return before;
+    };
+    EXPECT_EQ(statusesBefore("SetMode", {{"Mode", "ScanningReflectance"}}), 2);
+    EXPECT_EQ(statusesBefore("SetAttribute", {{"key", "Beep"}, {"value", "no"}}), 3);
+    EXPECT_EQ(statusesBefore("Calibrate", {}), 3) << "under way, its end, and every command's";
+    driver->setIsMeasuring(true);
+    EXPECT_EQ(statusesBefore("GoHome", {}), 0);
+    EXPECT_EQ(statusesBefore("Measure", {}), 0);
+    driver->setIsMeasuring(false);
+}
 
 TEST_F(Commands, MoveTheHead) {
     EXPECT_EQ(ask("SetDevicePosition", {{"x", "12.5"}, {"y", "7"}}).code, 0);

@@ -81,6 +81,14 @@ TEST_F(SingleRowScan, FailuresAndCancellationAnswerOnce) {
         return std::nullopt;
     });
     EXPECT_EQ(readRow(chart, 1).code, -1023);
+    calls.interfere([this](int, const TaviSDK::Call& call) -> std::optional<int> {
+        if (call.name == "Tavi_GoToHomePosition")
+            driver->setIsCancelled(true);
+        return std::nullopt;
+    });
+    const Post last = readRow(chart, 2);
+    EXPECT_EQ(last.code, -1023);
+    EXPECT_EQ(last.patches.size(), 5U) << "the row had been read";
     EXPECT_EQ(readRow(chart, 7).code, 22) << "no such row";
     expectCleanScan();
 }
