@@ -1,5 +1,6 @@
 #include "TaviIO.h"
 
+#include "InstrumentStatus.h"
 #include "Locks.h"
 
 using namespace VellDevice;
@@ -38,32 +39,33 @@ TaviIO::~TaviIO() {
 
 Error TaviIO::sdkError2Error(int sdkCode) {
     switch (sdkCode) {
-    case 0:
+    case InstrumentStatus::kDone:
         return kSuccess;
-    case 1:
-        return static_cast<Error>(3);
-    case 2:
-        return static_cast<Error>(1);
-    case 3:
+    case InstrumentStatus::kNoTable:
+        return ClientCode::kNoTable;
+    case InstrumentStatus::kUnknownOption:
+        return ClientCode::kUnknownOption;
+    case InstrumentStatus::kNotCalibrated:
         return kNotCalibrated;
-    case 5:
-        return static_cast<Error>(24);
-    case 6:
-        return static_cast<Error>(16);
-    case 7:
-        return static_cast<Error>(25);
-    case 8:
-        return static_cast<Error>(10);
+    case InstrumentStatus::kWrongMode:
+        return ClientCode::kWrongMode;
+    case InstrumentStatus::kCalibrationFailed:
+        return ClientCode::kCalibrationFailed;
+    case InstrumentStatus::kWrongNumberOfSamples:
+        return ClientCode::kWrongNumberOfSamples;
+    case InstrumentStatus::kReadOnlyOption:
+        return ClientCode::kReadOnlyOption;
+    case InstrumentStatus::kNoSpectrophotometer:
+        return kNoInstrument;
+    case InstrumentStatus::kOutsideTable:
+        return ClientCode::kOutsideTable;
+    // The instrument may answer these, and clients know what they stand for; here they have no meaning.
     case 9:
         return static_cast<Error>(27);
     case 10:
         return static_cast<Error>(9);
     case 12:
         return static_cast<Error>(26);
-    case 100:
-        return kNoInstrument;
-    case 101:
-        return static_cast<Error>(36);
     case 102:
         return static_cast<Error>(37);
     case 103:
@@ -80,13 +82,8 @@ Error TaviIO::sdkError2Error(int sdkCode) {
 // main thread least of all.
 const char* TaviIO::sdkGetLastError() {
     thread_local std::string text;
-    if (pthread_mutex_trylock(&mSDKLock) == 0) {
-        struct Unlock {
-            pthread_mutex_t& mutex;
-            ~Unlock() { pthread_mutex_unlock(&mutex); }
-        } const unlock{mSDKLock};
-        const char* const lent = Tavi_GetOption("LastError");
-        text = lent != nullptr ? lent : "";
+    if (const LockedInstrument::Hold instrument = mInstrument.tryToHold()) {
+        text = instrument->option("LastError");
         const ThreadLock lock(mSettingsLock);
         mLastErrorText = text;
     } else {
@@ -94,12 +91,6 @@ const char* TaviIO::sdkGetLastError() {
         text = mLastErrorText;
     }
     return text.c_str();
-}
-
-std::string TaviIO::option(const char* key) {
-    const SDKLock lock(*this);
-    const char* const lent = Tavi_GetOption(key);
-    return lent != nullptr ? lent : "";
 }
 
 bool TaviIO::wantsAdvancedMeasurements() {

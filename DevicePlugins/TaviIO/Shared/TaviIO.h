@@ -2,8 +2,7 @@
 
 #include "ChartGeometry.h"
 #include "DevicePlugin.h"
-
-#include <TaviSDK/TaviSDK.h>
+#include "LockedInstrument.h"
 
 #include <cstdint>
 #include <deque>
@@ -23,7 +22,7 @@
 //
 // Locks, in the order in which they may be nested: SDK lock (base class), then mMeasuringLock, then
 // mSettingsLock; the base class's polling and dying locks come after mMeasuringLock. mCancelLock is held
-// alone. Every call of the SDK is made under the SDK lock, and what it lends is copied there.
+// alone. The SDK is called through mInstrument alone, which takes the SDK lock for every call.
 //
 // Measurements. Each has an identity. The measuring flag belongs to the newest one; a worker that a reset
 // left behind finds that it is no longer the owner and stops at its next check, without touching head, flags
@@ -173,7 +172,6 @@ protected:
     bool _disconnect();
     void emptyRecord();
     bool tableIsOurs();
-    void resetInstrument();
     static void __FPtr_Tavi_MessageHandler(Tavi_DeviceMessage message, const char* text);
 
     // Attributes
@@ -187,7 +185,6 @@ protected:
 
     // Modes
     VellDevice::Error configureMode(const std::string& mode);
-    VellDevice::Error setCheckedOption(const char* key, const char* value);
     VellDevice::Error calibrateModes();
     void publishCalibration(bool calibrated);
     void updateSoftwareMeasurement(bool available);
@@ -197,13 +194,7 @@ protected:
     void handleCancel();
     void handleSetDevicePosition(const VellDevice::Command& command, VellDevice::MutableResponse& response);
     void handleGetDevicePosition(VellDevice::MutableResponse& response);
-    int readHeadPosition(IOPoint& head);
     void handleGoHome(VellDevice::MutableResponse& response);
-    // The head goes home: hold position off, home, hold position off. Results are not looked at. When a call
-    // throws, the others are made all the same; its exception leaves at the end.
-    void parkHead();
-    // A copy of an option's text.
-    std::string option(const char* key);
 
     // Position
     void _measurePosition(const VellDevice::Command& command);
@@ -230,7 +221,6 @@ protected:
     static void* _advancedMeasureThreaded(void* record);
     void measureOnWorker(const VellDevice::Command& command);
     void recoverFromException(VellDevice::MutableResponse& response);
-    void trying(const std::function<void()>& call);
     void refuse(const VellDevice::Command& command, VellDevice::Error code, const char* message = nullptr);
     static void cancel(VellDevice::MutableResponse& response);
     bool _checkForCancelledMeasureAdavnced(const VellDevice::Command& command,
@@ -254,7 +244,6 @@ protected:
     // Row reading
     RowOutcome readRow(RowReading& reading);
     StripTiming prepareStrips(const RowReading& reading);
-    void setLoggedOption(const char* key, int value, const char* label);
     std::deque<StripAttempt> stripAttempts(const StripTiming& timing, bool singleRow);
     int tryStrip(RowReading& reading, const StripTiming& timing, const StripAttempt& attempt);
     void logStripAttempt(const RowReading& reading, const StripTiming& timing, const StripAttempt& attempt);
@@ -267,7 +256,6 @@ protected:
     int readSpot(RowReading& reading, int error, int& available);
     RowOutcome bailOut(RowReading& reading, int error);
     void formatRow(RowReading& reading, RowOutcome outcome);
-    void setColorimetry();
 
     // Fields, with what guards them.
     bool mLowResolutionScan = false; // mSettingsLock
@@ -285,6 +273,7 @@ protected:
     int mPollingPauses = 0;         // the base's polling lock; blocks that keep polling paused
     bool mPollingIsOwed = false;    // the base's polling lock; the last of them begins it again
     std::string mLastErrorText;     // mSettingsLock; the SDK's, when it was last asked
+    LockedInstrument mInstrument{*this};
 };
 
 // The plug-in's one driver; null before it is constructed and after it is gone.

@@ -1,5 +1,6 @@
 // The device record and the instrument's options, kept in step.
 
+#include "InstrumentStatus.h"
 #include "Numbers.h"
 #include "TaviIO.h"
 
@@ -46,11 +47,11 @@ bool TaviIO::_updateAttributes() {
         setTaviIsConnected(connected);
         if (!connected) {
             VellLogInfo("RESETTING TaviT NOW\n");
-            resetInstrument();
+            mInstrument.reset();
         }
     }
 
-    const SDKLock lock(*this);
+    const auto instrument = mInstrument.hold();
     if (isMeasuring())
         return false;
     bool changed = updateIlluminationMode();
@@ -73,7 +74,7 @@ bool TaviIO::_updateAttributes() {
 
 void TaviIO::getIlluminationMode(std::string& mode) {
     mode = "1";
-    if (taviIsConnected() && IntFromText(option("PhysicalFilter").c_str()) != 1)
+    if (taviIsConnected() && IntFromText(mInstrument.option("PhysicalFilter").c_str()) != 1)
         mode = "0";
 }
 
@@ -89,8 +90,8 @@ bool TaviIO::updateIlluminationMode() {
 bool TaviIO::updateBeep() {
     if (!taviIsConnected())
         return false;
-    const SDKLock lock(*this);
-    const std::string beep = option("Beep");
+    const auto instrument = mInstrument.hold();
+    const std::string beep = instrument->option("Beep");
     if (device()->attributeForKey("Beep") == beep)
         return false;
     device()->setAttributeForKey(beep, "Beep");
@@ -105,7 +106,7 @@ bool TaviIO::updateMode() {
         device()->setMode("");
         return true;
     }
-    const std::string theirs = option("MeasurementMode");
+    const std::string theirs = mInstrument.option("MeasurementMode");
     if (mode == theirs)
         return false;
     setMode(mode.empty() ? theirs : mode);
@@ -117,7 +118,7 @@ bool TaviIO::updateSerialNumber() {
         device()->setSerialNumber("");
         return true;
     }
-    const std::string serialNumber = option("TaviTSerialNumber");
+    const std::string serialNumber = mInstrument.option("TaviTSerialNumber");
     if (device()->serialNumber() == serialNumber)
         return false;
     VellLogInfo("TAVIT_SERIAL_NUMBER changed\n");
@@ -130,7 +131,7 @@ bool TaviIO::updateTaviSerialNumber() {
     const std::string published = device()->attributeForKey("TaviProSerialNumber");
     std::string serialNumber;
     if (taviIsConnected())
-        serialNumber = option("TaviTTaviSerialNumber");
+        serialNumber = mInstrument.option("TaviTTaviSerialNumber");
     if (published == serialNumber)
         return false;
     if (taviIsConnected())
@@ -153,11 +154,11 @@ bool TaviIO::updateMirroredOptions() {
     const bool connected = taviIsConnected();
     for (const char* const key : kMirroredOptions) {
         if (connected)
-            publish(key, option(key));
+            publish(key, mInstrument.option(key));
         else
             device()->setAttributeForKey("", key);
     }
-    publish(kIntegrationTime, connected ? option(kIntegrationTime) : "0");
+    publish(kIntegrationTime, connected ? mInstrument.option(kIntegrationTime) : "0");
     return changed;
 }
 
@@ -176,30 +177,26 @@ void TaviIO::updateSoftwareMeasurement(bool available) {
 void TaviIO::handleSetAttribute(const Command& command, MutableResponse& response) {
     const std::string key = command.argumentForKey(DevicePluginCommandArgument_key);
     const std::string value = normalised(command.argumentForKey(DevicePluginCommandArgumentValue));
-    int status = 0;
+    int status = InstrumentStatus::kDone;
     if (key == kLowResolutionScan) {
         setLowResolutionScan(value == "yes");
         setupOptionsForLowRes(lowResolutionScan());
     } else {
-        {
-            const SDKLock lock(*this);
-            status = Tavi_SetOption(key.c_str(), value.c_str());
-        }
-        logIfError("Tavi_SetOption", status);
+        status = mInstrument.setOption(key.c_str(), value, "Tavi_SetOption");
     }
     response.setCode(sdkError2Error(status));
-    response.setMessage(option("LastError"));
+    response.setMessage(mInstrument.option("LastError"));
     updateAttributes();
     announceStatus();
 }
 
 void TaviIO::setupOptionsForLowRes(bool lowRes) {
-    const SDKLock lock(*this);
+    const auto instrument = mInstrument.hold();
     if (!taviIsConnected())
         return;
-    logIfError("Tavi_SetOption TAVI_IS_RECOGNITION_ENABLED", Tavi_SetOption("Recognition", "yes"));
-    logIfError("Tavi_SetOption RECOGNITION_EDGE_LIMIT_FACTOR",
-               Tavi_SetOption("RECOGNITION_EDGE_LIMIT_FACTOR", lowRes ? "1.5" : "0.6"));
-    logIfError("Tavi_SetOption RECOGNITION_LOWEST_LIMIT",
-               Tavi_SetOption("RECOGNITION_LOWEST_LIMIT", lowRes ? "2.0" : "0.2"));
+    instrument->setOption("Recognition", "yes", "Tavi_SetOption TAVI_IS_RECOGNITION_ENABLED");
+    instrument->setOption("RECOGNITION_EDGE_LIMIT_FACTOR", lowRes ? "1.5" : "0.6",
+                          "Tavi_SetOption RECOGNITION_EDGE_LIMIT_FACTOR");
+    instrument->setOption("RECOGNITION_LOWEST_LIMIT", lowRes ? "2.0" : "0.2",
+                          "Tavi_SetOption RECOGNITION_LOWEST_LIMIT");
 }

@@ -30,9 +30,9 @@ void TaviIO::_measureScanThreaded(const Command& command) {
     const ChartFrame frame(request.corners);
     logCorners(request.corners);
     {
-        const SDKLock lock(*this);
-        Tavi_SetOption("TaviTHoldPosition", "no");
-        Tavi_SetOption("TaviTIsVisorCoordinate", "no");
+        const auto instrument = mInstrument.hold();
+        instrument->setOption("TaviTHoldPosition", "no");
+        instrument->setOption("TaviTIsVisorCoordinate", "no");
     }
     logRequest(request);
     MutableResponse refusal(command);
@@ -104,11 +104,11 @@ bool TaviIO::deliverRow(const Command& command, RowReading& reading, RowOutcome 
     formatRow(reading, outcome);
     const bool spots = outcome == RowOutcome::spotRead;
     if (reading.request.isLastRow(reading.row))
-        parkHead();
+        mInstrument.park();
     {
         // One hold of the lock: no command gets between the two. The flag is cleared after what can throw,
         // as it tells whose failure that is.
-        const SDKLock lock(*this);
+        const auto instrument = mInstrument.hold();
         if (spots && !reading.request.isLastRow(reading.row))
             endSpotReadings();
         if (isDoneForNow)

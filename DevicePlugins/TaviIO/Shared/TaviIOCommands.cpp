@@ -1,9 +1,8 @@
 // The commands that drive the table directly.
 
+#include "InstrumentStatus.h"
 #include "Numbers.h"
 #include "TaviIO.h"
-
-#include <exception>
 
 using namespace VellDevice;
 
@@ -46,78 +45,39 @@ void TaviIO::handleReset() {
         setIsMeasuring(false);
         setIsCancelled(false);
     }
-    parkHead();
+    mInstrument.park();
 }
 
 void TaviIO::handleCancel() {
     if (isMeasuring())
         setIsCancelled(true); // the worker parks the head and answers its own command
     else
-        parkHead();
+        mInstrument.park();
 }
 
 void TaviIO::handleSetDevicePosition(const Command& command, MutableResponse& response) {
     const float x = FloatFromText(command.argumentForKey("x"));
     const float y = FloatFromText(command.argumentForKey("y"));
-    int status = 0;
+    response.setCode(sdkError2Error(mInstrument.moveTo(x, y)));
+    int hold = InstrumentStatus::kDone;
     {
-        const SDKLock lock(*this);
-        status = Tavi_SetPosition(x, y);
-    }
-    logIfError("Tavi_SetPosition", status);
-    response.setCode(sdkError2Error(status));
-    int hold = 0;
-    {
-        const SDKLock lock(*this);
-        response.setMessage(option("LastError"));
-        hold = Tavi_SetOption("TaviTHoldPosition", "no");
+        const auto instrument = mInstrument.hold();
+        response.setMessage(instrument->option("LastError"));
+        hold = instrument->setOption("TaviTHoldPosition", "no");
     }
     logIfError("TAVIT_HOLD_POSITION ", hold);
 }
 
 void TaviIO::handleGetDevicePosition(MutableResponse& response) {
     IOPoint head{};
-    const int status = readHeadPosition(head);
+    const int status = mInstrument.getPosition(head.x, head.y);
     response.setCode(sdkError2Error(status));
-    response.setMessage(status == 0 ? TextFromFloat(head.x) + "," + TextFromFloat(head.y)
-                                    : option("LastError"));
-}
-
-// Where the head is; an SDK status.
-int TaviIO::readHeadPosition(IOPoint& head) {
-    int status = 0;
-    {
-        const SDKLock lock(*this);
-        status = Tavi_GetPosition(&head.x, &head.y);
-    }
-    logIfError("Tavi_GetPosition", status);
-    return status;
+    response.setMessage(status == InstrumentStatus::kDone
+                            ? TextFromFloat(head.x) + "," + TextFromFloat(head.y)
+                            : mInstrument.option("LastError"));
 }
 
 void TaviIO::handleGoHome(MutableResponse& response) {
-    int status = 0;
-    {
-        const SDKLock lock(*this);
-        status = Tavi_GoToHomePosition();
-    }
-    logIfError("Tavi_GoToHomePosition", status);
-    response.setCode(sdkError2Error(status));
-    response.setMessage(option("LastError"));
-}
-
-void TaviIO::parkHead() {
-    const SDKLock lock(*this);
-    std::exception_ptr broken;
-    const auto attempt = [&](auto call) {
-        try {
-            call();
-        } catch (...) {
-            broken = std::current_exception();
-        }
-    };
-    attempt([] { Tavi_SetOption("TaviTHoldPosition", "no"); });
-    attempt([] { Tavi_GoToHomePosition(); });
-    attempt([] { Tavi_SetOption("TaviTHoldPosition", "no"); });
-    if (broken)
-        std::rethrow_exception(broken);
+    response.setCode(sdkError2Error(mInstrument.goHome()));
+    response.setMessage(mInstrument.option("LastError"));
 }

@@ -1,5 +1,6 @@
 // Connecting to the table and its instrument, and letting go of them.
 
+#include "InstrumentStatus.h"
 #include "TaviIO.h"
 #include "TaviIOPerformers.h"
 
@@ -15,7 +16,6 @@ namespace {
 constexpr const char* kTable = "TaviTTaviTable1"; // the SDK's name of the table
 constexpr int kTaviVendorID = 0x971;
 constexpr int kTaviProductID = 0x2000;
-constexpr int kNoInstrumentOnTable = 100; // Tavi_IsTableConnected: there is a table, and nothing on it
 
 } // namespace
 
@@ -47,11 +47,6 @@ bool TaviIO::disconnect() {
     return true;
 }
 
-void TaviIO::resetInstrument() {
-    const SDKLock lock(*this);
-    Tavi_SetOption("Reset", "TaviTAll");
-}
-
 DevicePluginConnectResult TaviIO::_connect() try {
     VellLogInfo("<%p> - %s\n", static_cast<void*>(this), "DevicePluginConnectResult TaviIO::_connect()");
     setTaviIsConnected(hasTaviConnected());
@@ -59,24 +54,20 @@ DevicePluginConnectResult TaviIO::_connect() try {
     setIsCancelled(false);
     setIsMeasuring(false);
 
-    resetInstrument();
+    mInstrument.reset();
     usleep(10);
-    int connected = 0;
-    {
-        const SDKLock lock(*this);
-        connected = Tavi_IsTableConnected();
-    }
-    logIfError("Tavi_IsTableConnected", connected);
-    if ((connected != 0 && connected != kNoInstrumentOnTable) || !tableIsOurs()) {
-        resetInstrument();
+    const int connected = mInstrument.isTableConnected();
+    if ((connected != InstrumentStatus::kDone && connected != InstrumentStatus::kNoSpectrophotometer) ||
+        !tableIsOurs()) {
+        mInstrument.reset();
         return kConnectFailed;
     }
     std::strncpy(mUsedSDKDeviceName, kTable, sizeof mUsedSDKDeviceName - 1);
     VellLogInfo("mUsedSDKDeviceName: %s\n", mUsedSDKDeviceName);
 
     {
-        const SDKLock lock(*this);
-        device()->setSerialNumber(option("TaviTSerialNumber"));
+        const auto instrument = mInstrument.hold();
+        device()->setSerialNumber(instrument->option("TaviTSerialNumber"));
         device()->setCalibrationStatus(0);
         updateSoftwareMeasurement(false);
     }
@@ -85,15 +76,12 @@ DevicePluginConnectResult TaviIO::_connect() try {
     device()->setModes(modes);
     setMode(DeviceModeSingleReflectance);
     {
-        const SDKLock lock(*this);
-        Tavi_SetOption("Beep", "yes");
-        parkHead();
+        const auto instrument = mInstrument.hold();
+        instrument->setOption("Beep", "yes");
+        instrument->park();
     }
     updateAttributes();
-    {
-        const SDKLock lock(*this);
-        Tavi_RegisterDeviceMessageHandler(__FPtr_Tavi_MessageHandler);
-    }
+    mInstrument.setMessageHandler(__FPtr_Tavi_MessageHandler);
     return kConnected;
 } catch (const TaviSDK::Exception&) {
     VellLogError("TaviIO::connect - Caught exception coming from TaviIO SDK\n");
@@ -104,7 +92,7 @@ DevicePluginConnectResult TaviIO::_connect() try {
 // table's identifier.
 bool TaviIO::tableIsOurs() {
     VellLogInfo("Found table for %s\n", kTable);
-    const std::string identifier = option("TaviTHalcyDeviceIdentifier");
+    const std::string identifier = mInstrument.option("TaviTHalcyDeviceIdentifier");
     if (identifier.empty()) {
         VellLogInfo("No path found for table %s\n", kTable);
         return false;
@@ -124,12 +112,9 @@ bool TaviIO::_disconnect() {
             waitOneSecond();
     }
     try {
-        {
-            const SDKLock lock(*this);
-            Tavi_RegisterDeviceMessageHandler(nullptr);
-        }
+        mInstrument.setMessageHandler(nullptr);
         sleep(1);
-        resetInstrument();
+        mInstrument.reset();
     } catch (const TaviSDK::Exception&) {
         emptyRecord(); // the driver lets go all the same
         throw;

@@ -1,5 +1,6 @@
 // From the instrument's samples to a measurement set.
 
+#include "InstrumentStatus.h"
 #include "Numbers.h"
 #include "TaviIO.h"
 
@@ -9,9 +10,7 @@ using namespace VellDevice;
 
 namespace {
 
-constexpr int kBands = 36;
 constexpr const char* kSpectralRange = "380,730"; // nm
-constexpr int kWrongNumberOfSamples = 7;          // an SDK status
 
 // Where a reading belongs, and how it was lit: what both of its representations say.
 struct ReadingLabels {
@@ -51,42 +50,29 @@ ColorRepresentation labRepresentation(const std::vector<double>& lab, const Read
 } // namespace
 
 int TaviIO::getSpectrum(int index, std::vector<double>& spectrum) {
-    const SDKLock lock(*this);
-    float buffer[kBands] = {};
-    const int status = Tavi_GetSpectrum(buffer, index);
-    logIfError("Tavi_GetSpectrum", status);
-    if (status == 0)
-        spectrum.insert(spectrum.end(), buffer, buffer + kBands);
-    return status;
+    const auto instrument = mInstrument.hold(); // the text of a failure is its own
+    return instrument->getSpectrum(index, spectrum);
 }
 
 int TaviIO::getMeasurementData(int count, Readings& spectra, Readings& lab) {
-    const SDKLock lock(*this);
-    const int available = Tavi_GetNumberOfAvailableSamples();
+    const auto instrument = mInstrument.hold();
+    const int available = instrument->numberOfAvailableSamples();
     if (available != count) {
         VellLogError("TaviIODeviceService::getMeasurementData - looking for %d cols but only got %d\n", count,
                      available);
-        return kWrongNumberOfSamples;
+        return InstrumentStatus::kWrongNumberOfSamples;
     }
     for (int index = 0; index < count; ++index) {
         std::vector<double> spectrum;
         if (const int status = getSpectrum(index, spectrum))
             return status;
         spectra.push_back(std::move(spectrum));
-        setColorimetry();
-        float triple[3] = {};
-        logIfError("Tavi_GetTriStimulus", Tavi_GetTriStimulus(triple, index));
-        lab.emplace_back(triple, triple + 3); // also when it failed: the reading counts
+        instrument->setColorimetry();
+        std::vector<double> values;
+        instrument->getTriStimulus(index, values);
+        lab.push_back(std::move(values)); // also when it failed: the reading counts
     }
-    return 0;
-}
-
-// What the tristimulus values of samples are to be. Results are not looked at.
-void TaviIO::setColorimetry() {
-    const SDKLock lock(*this);
-    Tavi_SetOption("ColorSpaceDescription.Type", "CIELab");
-    Tavi_SetOption("Colorimetric.Illumination", "D50");
-    Tavi_SetOption("Colorimetric.Observer", "TwoDegree");
+    return InstrumentStatus::kDone;
 }
 
 void TaviIO::formatMeasurements(Readings& spectra, Readings& lab, MutableResponse& response, int firstRow,
@@ -122,11 +108,10 @@ int TaviIO::measureOneStrip(float x0, float y0, float x1, float y1, int columns,
                             Readings& lab, bool reversed) {
     VellLogInfo("Scanning { %f, %f } to { %f, %f }\n", static_cast<double>(x0), static_cast<double>(y0),
                 static_cast<double>(x1), static_cast<double>(y1));
-    const SDKLock lock(*this);
+    const auto instrument = mInstrument.hold();
     VellLogInfo("[TaviIO] - measureOneStrip IN\n");
-    int status = reversed ? Tavi_Scan(x1, y1, x0, y0) : Tavi_Scan(x0, y0, x1, y1);
-    logIfError("Tavi_Scan", status);
-    if (status == 0)
+    int status = reversed ? instrument->scan(x1, y1, x0, y0) : instrument->scan(x0, y0, x1, y1);
+    if (status == InstrumentStatus::kDone)
         status = getMeasurementData(columns, spectra, lab);
     VellLogInfo("[TaviIO] - measureOneStrip OUT err=%d\n", status);
     return status;

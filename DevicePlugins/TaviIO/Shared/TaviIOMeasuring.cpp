@@ -250,23 +250,11 @@ void TaviIO::recoverFromException(MutableResponse& response) {
         cancel(response);
         return;
     }
-    trying([this] { endSpotReadings(); });
-    trying([this] { parkHead(); });
+    mInstrument.trying([this] { endSpotReadings(); });
+    mInstrument.trying([this] { mInstrument.park(); });
     response.setCode(kInstrumentFailure);
     const char* const text = lastErrorWhateverHappens();
     response.setMessage(text != nullptr ? text : "");
-}
-
-// One call of the SDK that nothing depends on, under the SDK lock.
-void TaviIO::trying(const std::function<void()>& call) {
-    try {
-        const SDKLock lock(*this);
-        call();
-    } catch (const std::exception& exception) {
-        VellLogError("[TaviIO] - TaviSDK exception ignored: %s\n", exception.what());
-    } catch (...) {
-        VellLogError("[TaviIO] - TaviSDK exception ignored: %s\n", "of no known kind");
-    }
 }
 
 // --- Cancellation
@@ -284,7 +272,7 @@ bool TaviIO::_checkForCancelledMeasureAdavnced(const Command&, MutableResponse& 
         return false;
     VellLogInfo("Cancelling measure...\n");
     if (!leftBehind) // else the head may be somebody else's already
-        trying([this] { parkHead(); });
+        mInstrument.trying([this] { mInstrument.park(); });
     cancel(response);
     return true;
 }
@@ -370,7 +358,7 @@ void TaviIO::logRequest(const ScanRequest& request) {
 bool TaviIO::refusesChart(const ScanRequest& request, MutableResponse& response) {
     if (!request.isEmpty() && !request.makesNoSense())
         return false;
-    parkHead();
+    mInstrument.park();
     if (request.isEmpty())
         VellLogInfo("numrows <= 0 or numcols <= 0, bailling on scan\n");
     else

@@ -31,7 +31,7 @@ void TaviIO::supportedModeList(std::vector<std::string>& modes) {
     modes.clear();
     if (!taviIsConnected())
         return;
-    modes = split(option("AvailableMeasurementModes"));
+    modes = split(mInstrument.option("AvailableMeasurementModes"));
     // Whatever the instrument could do elsewhere, on the table it does these two.
     if (!modes.empty())
         modes = {DeviceModeScanningReflectance, DeviceModeSingleReflectance};
@@ -41,10 +41,10 @@ Error TaviIO::changeMode(const std::string& mode) {
     VellLogInfo("TaviProDeviceService::changeMode\n");
     if (!taviIsConnected())
         return kNoInstrument;
-    const SDKLock lock(*this);
+    const auto instrument = mInstrument.hold();
     if (isMeasuring())
         return kMeasuring;
-    Tavi_SetOption("TaviTHoldPosition", "no");
+    instrument->setOption("TaviTHoldPosition", "no");
     std::vector<std::string> offered;
     device()->modes(offered);
     if (std::find(offered.begin(), offered.end(), mode) == offered.end())
@@ -54,26 +54,23 @@ Error TaviIO::changeMode(const std::string& mode) {
 
 // The instrument's options for a mode, up to the first that it refuses. Under the SDK lock.
 Error TaviIO::configureMode(const std::string& mode) {
-    if (const Error error = setCheckedOption("MeasurementMode", mode.c_str()))
+    const auto set = [&](const char* key, const std::string& value) {
+        return sdkError2Error(mInstrument.setOption(key, value, "Tavi_SetOption"));
+    };
+    if (const Error error = set("MeasurementMode", mode))
         return error;
     mReadsSpots = false;
     const bool scanning = mode == DeviceModeScanningReflectance;
     if (scanning) {
-        if (const Error error = setCheckedOption("Recognition", "yes"))
+        if (const Error error = set("Recognition", "yes"))
             return error;
-        if (const Error error = setCheckedOption("TaviTMoveSpeed", "400"))
+        if (const Error error = set("TaviTMoveSpeed", "400"))
             return error;
     }
-    if (const Error error = setCheckedOption("TaviTHoldPosition", "no"))
+    if (const Error error = set("TaviTHoldPosition", "no"))
         return error;
-    Tavi_SetOption("TaviTIsVisorCoordinate", scanning ? "no" : "yes");
+    mInstrument.setOption("TaviTIsVisorCoordinate", scanning ? "no" : "yes");
     return kSuccess;
-}
-
-Error TaviIO::setCheckedOption(const char* key, const char* value) {
-    const int status = Tavi_SetOption(key, value);
-    logIfError("Tavi_SetOption", status);
-    return sdkError2Error(status);
 }
 
 Error TaviIO::setMode(const std::string& mode) {
@@ -96,17 +93,12 @@ Error TaviIO::calibrate() {
         return kNoInstrument;
     if (isMeasuring())
         return kCalibrateWhileMeasuring;
-    if (option("TaviTTaviSerialNumber").empty()) {
+    if (mInstrument.option("TaviTTaviSerialNumber").empty()) {
         VellLogInfo("No Tavi In device\n");
         return kNoInstrument;
     }
     const PollingPause pause(*this);
-    int home = 0;
-    {
-        const SDKLock lock(*this);
-        home = Tavi_GoToHomePosition();
-    }
-    logIfError("Tavi_GoToHomePosition", home);
+    mInstrument.goHome();
     device()->setCalibrationStatus(-1);
     announceStatus();
 
@@ -116,23 +108,17 @@ Error TaviIO::calibrate() {
     try {
         device()->setModes(calibrationModes()); // changeMode takes only what is listed
         const Error error = calibrateModes();
-        {
-            const SDKLock lock(*this);
-            Tavi_SetOption("TaviTHoldPosition", "no");
-        }
+        mInstrument.setOption("TaviTHoldPosition", "no");
         device()->setModes(modes);
         changeMode(mode);
         device()->setMode(mode);
         if (error == kSuccess) {
-            const SDKLock lock(*this);
-            Tavi_SetPosition(100.0F, 150.0F);
-            Tavi_SetPosition(280.0F, 150.0F);
+            const auto instrument = mInstrument.hold();
+            instrument->moveTo(100.0F, 150.0F, LockedInstrument::Log::nothing);
+            instrument->moveTo(280.0F, 150.0F, LockedInstrument::Log::nothing);
         }
         publishCalibration(error == kSuccess);
-        {
-            const SDKLock lock(*this);
-            Tavi_SetOption("TaviTHoldPosition", "no");
-        }
+        mInstrument.setOption("TaviTHoldPosition", "no");
         announceStatus();
         return error;
     } catch (...) {
@@ -150,14 +136,8 @@ Error TaviIO::calibrateModes() {
     for (const std::string& mode : calibrationModes()) {
         if (const Error error = changeMode(mode))
             return error;
-        int status = 0;
-        {
-            const SDKLock lock(*this);
-            status = Tavi_Calibrate();
-        }
-        logIfError("Tavi_Calibrate", status);
-        if (status != 0)
-            return sdkError2Error(status);
+        if (const Error error = sdkError2Error(mInstrument.calibrate()))
+            return error;
     }
     return kSuccess;
 }

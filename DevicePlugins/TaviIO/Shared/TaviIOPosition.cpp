@@ -1,5 +1,6 @@
 // "Measure" in the single-reading mode: where the head is.
 
+#include "InstrumentStatus.h"
 #include "Numbers.h"
 #include "TaviIO.h"
 
@@ -20,17 +21,13 @@ ColorRepresentation positionIn(const std::string& colorSpace, const std::string&
 void TaviIO::_measurePosition(const Command& command) {
     const PollingPause pause(*this);
     try {
-        int status = 0;
-        {
-            const SDKLock lock(*this);
-            status = Tavi_SetOption("TaviTIsVisorCoordinate", "yes");
-        }
+        int status = mInstrument.setOption("TaviTIsVisorCoordinate", "yes");
         MutableResponse response(command);
-        if (status == 0)
+        if (status == InstrumentStatus::kDone)
             status = readPosition(response);
-        const SDKLock lock(*this);
+        const auto instrument = mInstrument.hold();
         response.setCode(sdkError2Error(status));
-        response.setMessage(option("LastError"));
+        response.setMessage(instrument->option("LastError"));
         response.send();
     } catch (const TaviSDK::Exception&) {
         VellLogError("[TaviIO::_measurePosition] - TaviSDK exception\n");
@@ -41,8 +38,8 @@ void TaviIO::_measurePosition(const Command& command) {
 // On success the response carries the position.
 int TaviIO::readPosition(MutableResponse& response) {
     IOPoint head{};
-    const int status = readHeadPosition(head);
-    if (status != 0)
+    const int status = mInstrument.getPosition(head.x, head.y);
+    if (status != InstrumentStatus::kDone)
         return status;
     const std::string x = TextFromFloat(head.x);
     const std::string y = TextFromFloat(head.y);

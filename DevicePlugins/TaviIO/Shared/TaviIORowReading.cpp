@@ -1,5 +1,6 @@
 // One row: strips at several speeds and resolutions, and spot readings when none of them finds the patches.
 
+#include "InstrumentStatus.h"
 #include "Numbers.h"
 #include "TaviIO.h"
 
@@ -9,9 +10,6 @@
 using namespace VellDevice;
 
 namespace {
-
-constexpr int kNothingRead = 11;         // any status but success: no strip has been read yet
-constexpr int kWrongNumberOfSamples = 7; // an SDK status
 
 // An instrument that integrates longer needs more time for everything.
 constexpr float kLongIntegration = 0.011F; // seconds
@@ -33,7 +31,7 @@ TaviIO::RowOutcome TaviIO::readRow(RowReading& reading) {
     // A single patch has no strip.
     const bool spotsOnly = reading.request.measureFullInSpotMode() ||
                            (reading.request.rows == 1 && reading.request.columns == 1);
-    int error = kNothingRead;
+    int error = InstrumentStatus::kStripNotRecognised; // no strip has been read yet
     if (!spotsOnly) {
         if (!reading.singleRow)
             VellLogInfo("measure in scanning mode, scanTypes.size() = %d, err = %d\n",
@@ -56,7 +54,7 @@ TaviIO::RowOutcome TaviIO::readRow(RowReading& reading) {
 // Computes the row's speeds and delay from its pitch and the integration time, and tells the instrument.
 TaviIO::StripTiming TaviIO::prepareStrips(const RowReading& reading) {
     StripTiming timing{};
-    timing.integrationTime = FloatFromText(option("IntegrationTime").c_str());
+    timing.integrationTime = FloatFromText(mInstrument.option("IntegrationTime").c_str());
     const bool isLong = timing.integrationTime > kLongIntegration;
     timing.slack = isLong ? 0.00884F : 0.0046F;
     const float timePerPatch = 3 * timing.integrationTime + timing.slack;
@@ -69,18 +67,9 @@ TaviIO::StripTiming TaviIO::prepareStrips(const RowReading& reading) {
         VellLogInfo("minSpeed: %d\n", timing.minSpeed);
         VellLogInfo("delay: %d\n", timing.delay);
     }
-    setLoggedOption("TaviTScanSpeed", timing.maxSpeed, "Tavi_SetOption TAVIT_SCAN_SPEED");
-    setLoggedOption("TaviTScanDelay", timing.delay, "Tavi_SetOption TAVIT_SCAN_DELAY");
+    mInstrument.setOption("TaviTScanSpeed", TextFromInt(timing.maxSpeed), "Tavi_SetOption TAVIT_SCAN_SPEED");
+    mInstrument.setOption("TaviTScanDelay", TextFromInt(timing.delay), "Tavi_SetOption TAVIT_SCAN_DELAY");
     return timing;
-}
-
-void TaviIO::setLoggedOption(const char* key, int value, const char* label) {
-    int status = 0;
-    {
-        const SDKLock lock(*this);
-        status = Tavi_SetOption(key, TextFromInt(value).c_str());
-    }
-    logIfError(label, status);
 }
 
 // The faster speed first, and at each speed normal resolution before low.
@@ -94,12 +83,12 @@ std::deque<TaviIO::StripAttempt> TaviIO::stripAttempts(const StripTiming& timing
 // Reads the row as one strip; an SDK status, 0 when the instrument recognised exactly the row's patches.
 int TaviIO::tryStrip(RowReading& reading, const StripTiming& timing, const StripAttempt& attempt) {
     {
-        const SDKLock lock(*this);
+        const auto instrument = mInstrument.hold();
         if (mReadsSpots)
             endSpotReadings(); // those of an earlier scan, which ended with them
-        Tavi_SetOption("TaviTScanSpeed", TextFromInt(attempt.speed).c_str());
+        instrument->setOption("TaviTScanSpeed", TextFromInt(attempt.speed));
         if (reading.singleRow)
-            Tavi_SetOption("TaviTScanDelay", TextFromInt(timing.delay).c_str());
+            instrument->setOption("TaviTScanDelay", TextFromInt(timing.delay));
     }
     setupOptionsForLowRes(attempt.lowResolution);
     const int lowRes = attempt.lowResolution ? 1 : 0;
@@ -142,11 +131,11 @@ void TaviIO::logStripAttempt(const RowReading& reading, const StripTiming& timin
 
 void TaviIO::beginSpotReadings() {
     mReadsSpots = true;
-    Tavi_SetOption("MeasurementMode", "SingleReflectance");
+    mInstrument.setOption("MeasurementMode", "SingleReflectance");
 }
 
 void TaviIO::endSpotReadings() {
-    Tavi_SetOption("MeasurementMode", "ScanningReflectance");
+    mInstrument.setOption("MeasurementMode", "ScanningReflectance");
     mReadsSpots = false;
 }
 
@@ -158,7 +147,7 @@ TaviIO::RowOutcome TaviIO::readRowBySpots(RowReading& reading) {
     const int first = reading.firstColumn();
     VellLogInfo("numColumnsExpeted: %d, firstColumToScan: %d\n", reading.columnCount(), first);
     {
-        const SDKLock lock(*this);
+        const auto instrument = mInstrument.hold();
         beginSpotReadings();
     }
     reading.spectra.clear();
@@ -188,11 +177,7 @@ bool TaviIO::readPatchBySpots(RowReading& reading, int column, int& error) {
             return false;
         VellLogInfo("measuring in spot mode with measureIndex patch part %d for column %d \n", spot, column);
         const IOPoint point = SpotPoint(centre, reading.pitches, spot);
-        {
-            const SDKLock lock(*this);
-            error = Tavi_SetPosition(point.x, point.y);
-        }
-        logIfError("Tavi_SetPosition", error);
+        error = mInstrument.moveTo(point.x, point.y);
         if (reading.isCancelled())
             return false;
         error = readSpot(reading, error, available);
@@ -205,20 +190,12 @@ bool TaviIO::readPatchBySpots(RowReading& reading, int column, int& error) {
 // Takes one reading where the head is and appends it to the lists. `error` is how moving there went,
 // `available` the number of samples that the instrument held last; the result is an SDK status.
 int TaviIO::readSpot(RowReading& reading, int error, int& available) {
-    if (error == 0) {
-        {
-            const SDKLock lock(*this);
-            error = Tavi_TriggerMeasurement();
-        }
-        logIfError("Tavi_TriggerMeasurement", error);
-    }
-    {
-        const SDKLock lock(*this);
-        if (error == 0)
-            available = Tavi_GetNumberOfAvailableSamples();
-    }
+    if (error == InstrumentStatus::kDone)
+        error = mInstrument.triggerMeasurement();
+    if (error == InstrumentStatus::kDone)
+        available = mInstrument.numberOfAvailableSamples();
     if (available != 1)
-        error = kWrongNumberOfSamples;
+        error = InstrumentStatus::kWrongNumberOfSamples;
     if (error != 0)
         return error;
     std::vector<double> spectrum;
@@ -226,14 +203,10 @@ int TaviIO::readSpot(RowReading& reading, int error, int& available) {
     if (error != 0)
         return error;
     reading.spectra.push_back(std::move(spectrum));
-    setColorimetry();
-    float triple[3] = {};
-    {
-        const SDKLock lock(*this);
-        error = Tavi_GetTriStimulus(triple, 0);
-    }
-    logIfError("Tavi_GetTriStimulus", error);
-    reading.lab.emplace_back(triple, triple + 3);
+    mInstrument.setColorimetry();
+    std::vector<double> values;
+    error = mInstrument.getTriStimulus(0, values);
+    reading.lab.push_back(std::move(values));
     return error;
 }
 
@@ -245,17 +218,17 @@ TaviIO::RowOutcome TaviIO::bailOut(RowReading& reading, int error) {
     }
     VellLogInfo("Error scanning, bailling out\n");
     {
-        const SDKLock lock(*this);
+        const auto instrument = mInstrument.hold();
         endSpotReadings();
-        parkHead();
+        instrument->park();
         reading.response.setCode(sdkError2Error(error));
         if (!reading.singleRow) {
-            reading.response.setMessage(option("LastError"));
+            reading.response.setMessage(instrument->option("LastError"));
             endMeasurement(); // after everything that can still throw: the flag tells whose failure that is
         }
     }
     if (reading.singleRow)
-        reading.response.setMessage(option("LastError"));
+        reading.response.setMessage(mInstrument.option("LastError"));
     return RowOutcome::failed;
 }
 

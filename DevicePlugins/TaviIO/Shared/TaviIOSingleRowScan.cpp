@@ -47,9 +47,9 @@ void TaviIO::_measureSingleRowScanThreaded(const Command& command, MutableRespon
     VellLogInfo("PatchSizeX: %f\n", static_cast<double>(pitches.x));
     VellLogInfo("PatchSizeY: %f\n", static_cast<double>(pitches.y));
     {
-        const SDKLock lock(*this);
-        Tavi_SetOption("TaviTHoldPosition", "no");
-        Tavi_SetOption("TaviTIsVisorCoordinate", "no");
+        const auto instrument = mInstrument.hold();
+        instrument->setOption("TaviTHoldPosition", "no");
+        instrument->setOption("TaviTIsVisorCoordinate", "no");
     }
     if (refusesChart(request, response))
         return;
@@ -90,9 +90,9 @@ void TaviIO::_measureSingleRowScanThreaded(const Command& command, MutableRespon
     formatRow(reading, outcome);
     const bool spots = outcome == RowOutcome::spotRead;
     if (request.isLastRow(row)) {
-        parkHead();
+        mInstrument.park();
     } else if (spots) {
-        const SDKLock lock(*this);
+        const auto instrument = mInstrument.hold();
         endSpotReadings();
     }
     response.setCode(kSuccess);

@@ -23,12 +23,21 @@ VellStringRef copyOfPath(VellStringRef path) {
 
 // --- The SDK lock
 
-DevicePlugin::SDKLock::SDKLock(DevicePlugin& plugin) : mMutex(plugin.mSDKLock) {
-    pthread_mutex_lock(&mMutex);
-    ++tSDKLockDepth;
+DevicePlugin::SDKLock::SDKLock(DevicePlugin& plugin)
+    : mMutex(plugin.mSDKLock), mIsHeld(pthread_mutex_lock(&mMutex) == 0) {
+    if (mIsHeld)
+        ++tSDKLockDepth;
+}
+
+DevicePlugin::SDKLock::SDKLock(DevicePlugin& plugin, std::try_to_lock_t)
+    : mMutex(plugin.mSDKLock), mIsHeld(pthread_mutex_trylock(&mMutex) == 0) {
+    if (mIsHeld)
+        ++tSDKLockDepth;
 }
 
 DevicePlugin::SDKLock::~SDKLock() {
+    if (!mIsHeld)
+        return;
     --tSDKLockDepth;
     pthread_mutex_unlock(&mMutex);
 }

@@ -164,21 +164,25 @@ public:
     void hardwareInitiatedMeasurementCommand();
     void softwareInitiatedMeasurementCommand(const Command& command);
 
-protected:
     // Holds the SDK lock for the life of a block. A thread that holds it makes no run-loop pass: a handler of
     // that pass could need what the holder has half done.
     class SDKLock {
     public:
         explicit SDKLock(DevicePlugin& plugin);
+        // Without waiting; it is not held while another thread has it.
+        SDKLock(DevicePlugin& plugin, std::try_to_lock_t);
         ~SDKLock();
         SDKLock(const SDKLock&) = delete;
         SDKLock& operator=(const SDKLock&) = delete;
+        bool isHeld() const { return mIsHeld; }
         static bool heldByThisThread();
 
     private:
         pthread_mutex_t& mMutex;
+        const bool mIsHeld;
     };
 
+protected:
     bool isConnected();
     // Waits one second, and lets the main thread's timers run meanwhile when it is the main thread that
     // waits: whoever is waited for may need it.
