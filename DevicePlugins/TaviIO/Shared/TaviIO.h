@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -145,8 +146,9 @@ protected:
         PatchPitches pitches;
         float speedPitch;
         float delayPitch;
-        bool singleRow;                       // the single-row scan; else the chart scan
-        std::function<bool()> isCancelled;    // the scan's cancel check
+        bool singleRow; // the single-row scan; else the chart scan
+        // The scan's cancel check: false, or the head goes home and the measurement is answered as cancelled.
+        std::function<bool()> stopsForCancel;
         std::function<IOPoint(int)> centreOf; // of a column's patch, over the full grid
         VellDevice::MutableResponse& response;
         Readings spectra{};
@@ -252,7 +254,7 @@ protected:
     // follow. Under the SDK lock.
     void beginSpotReadings();
     void endSpotReadings();
-    bool readPatchBySpots(RowReading& reading, int column, int& error);
+    std::optional<int> readPatchBySpots(RowReading& reading, int column);
     int readSpot(RowReading& reading, int error, int& available);
     RowOutcome bailOut(RowReading& reading, int error);
     void formatRow(RowReading& reading, RowOutcome outcome);

@@ -79,7 +79,7 @@ bool TaviIO::scanRow(const Command& command, const ScanRequest& request, const C
         .speedPitch = pitches.x,
         .delayPitch = pitches.y,
         .singleRow = false,
-        .isCancelled = [&] { return _checkForCancelledMeasure(command); },
+        .stopsForCancel = [&] { return _checkForCancelledMeasure(command); },
         .centreOf =
             [&](int column) {
                 return frame.pointAt(ChartCoordinate(column, request.columns),

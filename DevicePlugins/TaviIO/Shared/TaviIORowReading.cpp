@@ -37,12 +37,12 @@ TaviIO::RowOutcome TaviIO::readRow(RowReading& reading) {
             VellLogInfo("measure in scanning mode, scanTypes.size() = %d, err = %d\n",
                         static_cast<int>(attempts.size()), error);
         while (!attempts.empty() && error != 0) {
-            if (reading.isCancelled())
+            if (reading.stopsForCancel())
                 return RowOutcome::cancelled;
             const StripAttempt attempt = attempts.front();
             attempts.pop_front();
             error = tryStrip(reading, timing, attempt);
-            if (reading.isCancelled())
+            if (reading.stopsForCancel())
                 return RowOutcome::cancelled;
         }
         if (error == 0)
@@ -140,7 +140,7 @@ void TaviIO::endSpotReadings() {
 }
 
 TaviIO::RowOutcome TaviIO::readRowBySpots(RowReading& reading) {
-    if (reading.isCancelled())
+    if (reading.stopsForCancel())
         return RowOutcome::cancelled;
     toggleReversed();
     VellLogInfo("Error scanning, trying to scan using spot\n"); // programs tell these rows by it
@@ -157,34 +157,36 @@ TaviIO::RowOutcome TaviIO::readRowBySpots(RowReading& reading) {
     VellLogInfo("fourthPatchX x: %f fourthPatchY: %f\n", static_cast<double>(reading.pitches.x / 6),
                 static_cast<double>(reading.pitches.y / 6));
     for (int column = first; column < first + reading.columnCount(); ++column) {
-        int error = 0;
-        if (!readPatchBySpots(reading, column, error))
+        const std::optional<int> status = readPatchBySpots(reading, column);
+        if (!status)
             return RowOutcome::cancelled;
-        if (error != 0)
-            return bailOut(reading, error);
+        if (*status != InstrumentStatus::kDone)
+            return bailOut(reading, *status);
     }
     return RowOutcome::spotRead;
 }
 
-// False when the measurement was cancelled. `error` is the SDK status that ended the patch.
-bool TaviIO::readPatchBySpots(RowReading& reading, int column, int& error) {
-    if (reading.isCancelled())
-        return false;
+// How the patch ended, an SDK status; nothing when the measurement was cancelled.
+std::optional<int> TaviIO::readPatchBySpots(RowReading& reading, int column) {
+    if (reading.stopsForCancel())
+        return std::nullopt;
     const IOPoint centre = reading.centreOf(column);
     int available = 0;
     for (int spot = 0; spot < reading.request.spotsPerPatch(); ++spot) {
-        if (reading.isCancelled())
-            return false;
+        if (reading.stopsForCancel())
+            return std::nullopt;
         VellLogInfo("measuring in spot mode with measureIndex patch part %d for column %d \n", spot, column);
         const IOPoint point = SpotPoint(centre, reading.pitches, spot);
-        error = mInstrument.moveTo(point.x, point.y);
-        if (reading.isCancelled())
-            return false;
-        error = readSpot(reading, error, available);
-        if (error != 0)
-            return true;
+        const int moved = mInstrument.moveTo(point.x, point.y);
+        if (reading.stopsForCancel())
+            return std::nullopt;
+        const int status = readSpot(reading, moved, available);
+        if (status != InstrumentStatus::kDone)
+            return status;
     }
-    return !reading.isCancelled();
+    if (reading.stopsForCancel())
+        return std::nullopt;
+    return InstrumentStatus::kDone;
 }
 
 // Takes one reading where the head is and appends it to the lists. `error` is how moving there went,
@@ -213,7 +215,7 @@ int TaviIO::readSpot(RowReading& reading, int error, int& available) {
 // The row cannot be read: the head goes home and the response says why.
 TaviIO::RowOutcome TaviIO::bailOut(RowReading& reading, int error) {
     if (!ownsMeasurement()) {
-        reading.isCancelled(); // answers
+        reading.stopsForCancel(); // answers
         return RowOutcome::cancelled;
     }
     VellLogInfo("Error scanning, bailling out\n");

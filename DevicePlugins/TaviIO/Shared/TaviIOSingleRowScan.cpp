@@ -78,7 +78,7 @@ void TaviIO::_measureSingleRowScanThreaded(const Command& command, MutableRespon
         .speedPitch = scanPitch,
         .delayPitch = scanPitch,
         .singleRow = true,
-        .isCancelled = [&] { return _checkForCancelledMeasureAdavnced(command, response); },
+        .stopsForCancel = [&] { return _checkForCancelledMeasureAdavnced(command, response); },
         .centreOf = [&](int column) { return fullPath.calculatePointForColumnAtIndex(column); },
         .response = response,
     };

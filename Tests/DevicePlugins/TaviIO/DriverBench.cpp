@@ -87,6 +87,9 @@ CallLog::~CallLog() {
 }
 
 std::optional<int> CallLog::note(const TaviSDK::Call& call) {
+    // Tests make calls of their own, but on their own thread.
+    if (std::this_thread::get_id() != mTestThread && !TaviIO::SDKLock::heldByThisThread())
+        ADD_FAILURE() << call.name << " without the SDK lock";
     std::function<std::optional<int>(int, const TaviSDK::Call&)> interference;
     int number = 0;
     {

@@ -18,6 +18,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace test {
@@ -74,6 +75,7 @@ public:
 private:
     std::optional<int> note(const TaviSDK::Call& call);
 
+    const std::thread::id mTestThread = std::this_thread::get_id();
     std::mutex mLock; // guards everything below
     std::vector<std::string> mCalls;
     int mCount = 0;
