@@ -6,6 +6,7 @@
 #include <CoreFoundation/Object.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -44,11 +46,14 @@ Level chosenLevel() {
         if (equalIgnoringCase(setting, kLevels[i].setting))
             return static_cast<Level>(i);
     }
-    return Level::runtime;
+    return Level::debug;
 }
 
+constexpr std::int64_t kMaximumFile = 4 << 20; // bytes
+
 // Where lines go. Writing takes no lock: a line is one write(2) to a descriptor that is opened for appending,
-// and a change of file puts the new one under the same descriptor.
+// and a change of file puts the new one under the same descriptor. A file that has reached its size is put
+// aside, in the place of the one before it.
 class Output {
 public:
     static Output& shared() {
@@ -64,10 +69,14 @@ public:
 private:
     Output() : mLowest(std::max(chosenLevel(), Level::warning)) {}
     void useStandardError();
+    bool useFile(const std::string& path) REQUIRES(mMutex);
+    void putAside();
     void complain(const std::string& problem);
 
     Base::Mutex mMutex;                // one change of file at a time
     int mFile GUARDED_BY(mMutex) = -1; // the descriptor of every log file, once there has been one
+    std::string mPath GUARDED_BY(mMutex);
+    std::atomic<std::int64_t> mRoom{kMaximumFile}; // in the file, in bytes
     std::atomic<int> mDescriptor{STDERR_FILENO};
     std::atomic<Level> mLowest;
     std::atomic<bool> mComplained{false};
@@ -81,6 +90,22 @@ void Output::write(const std::string& line) {
     } while (written < 0 && errno == EINTR);
     if (written < 0)
         complain("the log cannot be written: " + std::generic_category().message(errno));
+    else if (mRoom.fetch_sub(written, std::memory_order_relaxed) <= written)
+        putAside();
+}
+
+void Output::putAside() {
+    const Base::Lock lock(mMutex);
+    if (mRoom > 0) // another thread has done it
+        return;
+    struct stat status {};
+    if (mDescriptor == mFile && fstat(mFile, &status) == 0 && S_ISREG(status.st_mode)) {
+        if (rename(mPath.c_str(), (mPath + ".1").c_str()) != 0)
+            complain("the log cannot be put aside: " + std::generic_category().message(errno));
+        else if (useFile(mPath))
+            return;
+    }
+    mRoom = kMaximumFile; // to be tried again when as much has been written once more
 }
 
 void Output::complain(const std::string& problem) {
@@ -108,19 +133,27 @@ void Output::setFile(const char* name) {
         complain("no log file: " + *problem);
         return useStandardError();
     }
-    const std::string path = folder + "/" + file;
-    Base::FileDescriptor opened(
-        open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
-    if (!opened) {
-        complain("no log file: cannot open " + path + ": " + std::generic_category().message(errno));
+    if (!useFile(folder + "/" + file))
         return useStandardError();
+    mDescriptor.store(mFile, std::memory_order_release);
+    mLowest = chosenLevel();
+}
+
+bool Output::useFile(const std::string& path) {
+    const Base::FileDescriptor opened(
+        open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
+    struct stat status {};
+    if (!opened || fstat(opened.get(), &status) != 0) {
+        complain("no log file: cannot open " + path + ": " + std::generic_category().message(errno));
+        return false;
     }
     if (mFile < 0)
         mFile = fcntl(opened.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     else
         dup3(opened.get(), mFile, O_CLOEXEC);
-    mDescriptor.store(mFile, std::memory_order_release);
-    mLowest = chosenLevel();
+    mPath = path;
+    mRoom = kMaximumFile - status.st_size;
+    return true;
 }
 
 // "2026-01-31 12:00:00.123 LEVEL [process:thread] ". Lines come in bursts, so what is the same in all of a

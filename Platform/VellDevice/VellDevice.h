@@ -311,7 +311,7 @@ VellObjectRef VellLibraryCopyPropertyForKey(VellLibraryRef library, const char* 
 
 // Lines of the form "YYYY-MM-DD hh:mm:ss.mmm LEVEL [pid:thread] text". Any thread; lines never mix. Texts end
 // with a newline. $VELL_LOG_LEVEL ("runtime", "debug", "info", "warning" or "error") names the lowest level
-// that is written; by default everything is, runtime lines (one per operation) included.
+// that is written; by default "debug". A file that reaches 4 MiB is put aside once, as NAME.1.
 void VellLogRuntime(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void VellLogDebug(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void VellLogInfo(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -91,6 +91,13 @@ TEST(PluginLog, KnowsRowsReadBySpotsFromNowOn) {
     EXPECT_EQ(log.wasSpotRead(7), std::nullopt) << "nothing was read of it";
     EXPECT_EQ(log.wasSpotRead(12), true);
     EXPECT_THAT(log.warnings(), testing::ElementsAre(HasSubstr("text")));
+    const std::filesystem::path aside = file.string() + ".1"; // it has become too long
+    std::filesystem::rename(file, aside);
+    stream << "advancedMeasure - measuring row 13...\n" << std::flush;
+    std::ofstream(file) << "Error scanning, trying to scan using spot\n";
+    log.update();
+    EXPECT_EQ(log.wasSpotRead(13), true);
+    std::filesystem::remove(aside);
     std::filesystem::remove(file);
 }
 

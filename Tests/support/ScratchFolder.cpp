@@ -20,6 +20,7 @@ ScratchFolder::ScratchFolder() {
     setenv("VELL_RUNTIME_DIR", mPath.c_str(), 1);
     setenv("VELL_HARDWARE_DIR", hardware().c_str(), 1);
     setenv("VELL_LOG_DIR", (mPath / "log").c_str(), 1);
+    setenv("VELL_LOG_LEVEL", "runtime", 1);
 }
 
 ScratchFolder::~ScratchFolder() {

@@ -5,11 +5,22 @@
 
 namespace tablectl {
 
-PluginLog::PluginLog(const std::filesystem::path& file) : mStream(file, std::ios::binary) {
+PluginLog::PluginLog(const std::filesystem::path& file) : mFile(file), mStream(file, std::ios::binary) {
     mStream.seekg(0, std::ios::end);
 }
 
 void PluginLog::update() {
+    read();
+    std::error_code error;
+    const auto size = std::filesystem::file_size(mFile, error);
+    if (error || !mStream.is_open() || size >= static_cast<std::uintmax_t>(mStream.tellg()))
+        return;
+    read(); // what was written before it was put aside
+    mStream = std::ifstream(mFile, std::ios::binary);
+    read();
+}
+
+void PluginLog::read() {
     mStream.clear(); // of the end of the file
     mUnfinished.append(std::istreambuf_iterator<char>(mStream), {});
     std::size_t begin = 0;

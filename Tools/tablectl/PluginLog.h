@@ -10,8 +10,8 @@
 namespace tablectl {
 
 // What a plug-in writes to its log from now on, as far as a scan wants to know it: which rows it read patch
-// by patch after the strips had failed, and its warnings. A log that cannot be read, or that the plug-in
-// writes elsewhere or with less in it, tells nothing.
+// by patch after the strips had failed, and its warnings. It is followed when the plug-in puts a full file
+// aside. A log that cannot be read, or that the plug-in writes elsewhere or with less in it, tells nothing.
 class PluginLog {
 public:
     explicit PluginLog(const std::filesystem::path& file);
@@ -21,8 +21,10 @@ public:
     const std::vector<std::string>& warnings() const { return mWarnings; }
 
 private:
+    void read();
     void take(const std::string& line);
 
+    std::filesystem::path mFile;
     std::ifstream mStream;
     std::string mUnfinished; // the beginning of a line
     int mRow = -1;

@@ -1,6 +1,7 @@
 #include "Instrument.h"
 
 #include "Log.h"
+#include "OldLogs.h"
 
 #include <VellDevice/RuntimeFolder.h>
 
@@ -41,6 +42,7 @@ void Instrument::start() {
     mRestartTimer.cancel();
     if (mEnding)
         return;
+    removeOldLogs();
     try {
         mProcess = std::make_unique<tools::ChildProcess>(
             mSettings.host, std::vector<std::string>{mPath, mSettings.bundle.string()}, environment());

@@ -1,5 +1,6 @@
 #include "ServiceTest.h"
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -30,6 +31,7 @@ protected:
 };
 
 TEST_F(LogTest, LinesHaveTheirFormAndAreAppended) {
+    const ScopedVariable level("VELL_LOG_LEVEL", "runtime");
     VellLogSetOutputFile("a_1.log");
     VellLogRuntime("%s\n", "void start()");
     VellLogError("code %d\n", -1020);
@@ -55,6 +57,10 @@ TEST_F(LogTest, LevelIsChosenByTheEnvironmentAndStandardErrorGetsTheSeriousOnes)
     const std::string text = GetCapturedStderr();
     EXPECT_THAT(text, HasSubstr("important"));
     EXPECT_THAT(text, Not(HasSubstr("unimportant")));
+    VellLogSetOutputFile("default.log");
+    VellLogRuntime("runtime\n");
+    VellLogDebug("debug\n");
+    EXPECT_EQ(linesOf(contents("default.log")).size(), 1U);
     const ScopedVariable level("VELL_LOG_LEVEL", "Info");
     VellLogSetOutputFile("a.log");
     VellLogDebug("debug\n");
@@ -84,6 +90,28 @@ TEST_F(LogTest, LinesOfManyThreadsNeverMixWhileTheFileChanges) {
     EXPECT_EQ(lines.size(), 2000U);
     for (const std::string& line : lines)
         ASSERT_THAT(line, MatchesRegex(".*\\] begin (a{100}|b{100}|c{100}|d{100}) end"));
+}
+
+TEST_F(LogTest, FullFileIsPutAsideOnce) {
+    constexpr std::size_t limit = 4 << 20;
+    replaceFile(folder.path() + "/log/a.log", std::string(limit - 10000, 'x') + '\n'); // of a run before
+    VellLogSetOutputFile("a.log");
+    std::vector<std::thread> writers;
+    for (int t = 0; t < 2; ++t) {
+        writers.emplace_back([] {
+            for (int i = 0; i < 1000; ++i)
+                VellLogInfo("%s\n", std::string(5000, 'y').c_str());
+        });
+    }
+    for (std::thread& writer : writers)
+        writer.join();
+    const std::string aside = contents("a.log.1");
+    EXPECT_GE(aside.size(), limit - 50000);
+    EXPECT_LT(aside.size(), limit + 50000);
+    EXPECT_NE(aside[0], 'x') << "the second file, in the place of the first";
+    EXPECT_LT(contents("a.log").size(), limit);
+    const std::filesystem::directory_iterator files(folder.path() + "/log");
+    EXPECT_EQ(std::distance(begin(files), end(files)), 2);
 }
 
 TEST_F(LogTest, OneThatCannotBeWrittenIsReportedOnce) {
