@@ -12,9 +12,13 @@
 
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <fstream>
 #include <map>
+#include <system_error>
+#include <thread>
 
 namespace {
 
@@ -79,6 +83,81 @@ bool isNoLockFile(const std::string& path) {
     return lstat(path.c_str(), &named) == 0 && !S_ISREG(named.st_mode);
 }
 
+// The process that holds a flock lock on the file, as the kernel lists it; 0 when it does not tell.
+int holderOf(const struct stat& file) {
+    std::ifstream locks("/proc/locks");
+    for (std::string line; std::getline(locks, line);) {
+        int process = 0;
+        unsigned long inode = 0;
+        if (std::sscanf(line.c_str(), "%*d: FLOCK %*s %*s %d %*x:%*x:%lu", &process, &inode) == 2 &&
+            inode == file.st_ino && process != getpid())
+            return process;
+    }
+    return 0;
+}
+
+// What stands in the way at a lock file's path, for people.
+std::string obstacleAt(const std::string& path) {
+    struct stat named {};
+    if (lstat(path.c_str(), &named) != 0)
+        return "it cannot be made";
+    const std::string owner = " of user " + std::to_string(named.st_uid);
+    if (!S_ISREG(named.st_mode))
+        return (S_ISLNK(named.st_mode)    ? "a link"
+                : S_ISDIR(named.st_mode)  ? "a folder"
+                : S_ISFIFO(named.st_mode) ? "a pipe"
+                                          : "no regular file") +
+               owner;
+    if (access(path.c_str(), R_OK) != 0)
+        return "a file that cannot be read," + owner;
+    const int holder = holderOf(named);
+    return "a file" + owner + ", held by " + (holder != 0 ? "process " + std::to_string(holder) : "somebody");
+}
+
+// Says in the log what a lock waits for: first after 10 seconds, and then after pauses that double. On a
+// thread of its own, since the waits are the kernel's.
+class WaitReport {
+public:
+    WaitReport(const char* lock, const std::string& path) : mLock(lock), mPath(path) {
+        try {
+            mThread = std::thread([this] { run(); });
+        } catch (const std::system_error&) {
+            // For want of threads the wait goes unreported.
+        }
+    }
+    ~WaitReport() {
+        {
+            const Base::Lock lock(mMutex);
+            mIsOver = true;
+        }
+        mChanged.notifyAll();
+        if (mThread.joinable())
+            mThread.join();
+    }
+    WaitReport(const WaitReport&) = delete;
+    WaitReport& operator=(const WaitReport&) = delete;
+
+private:
+    void run() {
+        const Base::Lock lock(mMutex);
+        for (std::chrono::seconds pause{10};; pause *= 2) {
+            const auto end = std::chrono::steady_clock::now() + pause;
+            while (!mIsOver && mChanged.waitUntil(mMutex, end)) {
+            }
+            if (mIsOver)
+                return;
+            VellLogError("[%s] - waiting for %s: %s\n", mLock, mPath.c_str(), obstacleAt(mPath).c_str());
+        }
+    }
+
+    const char* const mLock;
+    const std::string mPath;
+    Base::Mutex mMutex;
+    Base::Condition mChanged;
+    bool mIsOver GUARDED_BY(mMutex) = false;
+    std::thread mThread;
+};
+
 } // namespace
 
 // --- GlobalLock
@@ -96,6 +175,7 @@ void GlobalLock::EncodeMutexNameForPlatform(const std::string& name, std::string
 GlobalLock::GlobalLock(const std::string& name) {
     EncodeMutexNameForPlatform(name, mName);
     VellLogDebug("Trying to open mutex...\n");
+    const WaitReport report("GlobalLock", mName);
     int failures = 0;
     for (;;) {
         mFd = OpenWithSharedLock(mName.c_str());
@@ -173,6 +253,7 @@ GlobalDeviceLock::GlobalDeviceLock(const std::string& name) {
     EncodeMutexNameForPlatform(name, mName);
     VellLogRuntime("Creating the mutex named %s\n", mName.c_str());
     const CFAbsoluteTime start = CFAbsoluteTimeGetCurrent();
+    const WaitReport report("GlobalDeviceLock", mName);
     for (;;) {
         VellLogRuntime("Trying to open mutex...\n");
         mFd = OpenWithSharedLock(mName.c_str());

@@ -6,6 +6,9 @@
 // two rules keep exclusion whole, whatever is released, removed or created meanwhile. flock locks belong to
 // the open file, so those of a process that dies are free at once.
 //
+// A wait of 10 seconds is an error line in the log, which names the path and what stands in the way, and so
+// is every doubling of that.
+//
 // Threads: an object is used by one thread; different objects, in one process too, exclude each other like
 // those of different processes.
 #pragma once

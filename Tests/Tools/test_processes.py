@@ -95,6 +95,7 @@ class ProcessesTest(ToolsTest):
         self.chart = Chart(3, 4)
         self.layout = self.write_chart(self.chart)
         self.settings = 0
+        self.environment["VELL_LOG_LEVEL"] = "runtime"  # which operations are under way
 
     def hurried_tablectl(self, *arguments, status):
         """Runs a command that does not wait long for a device, as none will come; what it said."""
@@ -340,8 +341,8 @@ class KilledTest(ProcessesTest):
 class LockFilesTest(ProcessesTest):
     """The locks of a table and of its family, while somebody else has them."""
 
-    def start_waiting(self):
-        service = self.start_service(clock_speed=CLOCK_SPEED)
+    def start_waiting(self, clock_speed=CLOCK_SPEED):
+        service = self.start_service(clock_speed=clock_speed)
         self.simulate()
         self.wait_for_log("Creating the mutex named")
         return service
@@ -364,11 +365,12 @@ class LockFilesTest(ProcessesTest):
 
     def test_ending_the_service_does_not_wait_for_it(self):
         holder = LockHolder(self.family_lock)
-        service = self.start_waiting()
+        service = self.start_waiting(clock_speed=1)
         service.terminate()
         self.assertEqual(service.wait(60), 0)
         self.assertEqual(self.sockets(), [])
-        # The plug-in had to be killed. The file that it left is in nobody's way.
+        # It gave up by itself, without a kill. The file that it left is in nobody's way.
+        self.assertIn("signal 15 (Terminated)", self.log_lines("ended")[-1])
         holder.release()
         self.start_service()
         self.assert_measures(self.client())
@@ -377,6 +379,8 @@ class LockFilesTest(ProcessesTest):
     def test_replaced_under_our_feet(self):
         holder = LockHolder(self.family_lock)
         self.start_waiting()
+        self.wait_for_log(" ERROR [")  # after ten of its seconds
+        self.assertIn(f"waiting for {self.family_lock}: a file of user {os.geteuid()}, held by process", self.log())
         holder.remove()
         successor = LockHolder(self.family_lock)  # another file of the same name
         holder.release()

@@ -7,16 +7,22 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 namespace {
 
 using Entry = int (*)(int argc, const char** argv);
+
+// How long the plug-in may take to come back from its loop once it is to end: it may be waiting for a lock
+// that another process keeps.
+constexpr std::chrono::milliseconds kPatience{1500};
 
 constexpr const char* kUsage = "usage: vell-plugin-host DEVICE-PATH BUNDLE-PATH [-norunloop]\n";
 
@@ -86,10 +92,15 @@ int main(int argc, const char** argv) {
     VellDeviceCenterRef center = VellDeviceCenterGetDistributedCenter();
     static std::atomic<int> endedBy{0};
     const tools::SignalWatcher watcher({SIGTERM, SIGINT, SIGHUP}, [center](int signal) {
+        const auto end = std::chrono::steady_clock::now() + kPatience;
         endedBy = signal;
         VellDeviceCenterStopRunLoop(center);
+        std::this_thread::sleep_until(end);
+        leave(0, signal);
     });
     const int code = entry(argc - 1, argv + 1);
+    if (argc == 4) // the entry has left the loop to this program
+        VellDeviceCenterRunLoop(center);
     VellDeviceCenterStopRunLoop(center); // the loop may never have run
     leave(code, endedBy);
 }
