@@ -15,10 +15,18 @@ namespace VellService {
 namespace {
 
 constexpr CFTimeInterval kRetryPause = 1.0;
+constexpr CFTimeInterval kNamePause = 2.0;
 constexpr int kLooksSkipped = 9;
 
 std::tuple<ino_t, off_t, long, long> lookOf(const struct stat& status) {
     return {status.st_ino, status.st_size, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
+}
+
+// Device and inode; nothing where there is no file.
+std::pair<dev_t, ino_t> fileAt(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? std::pair(status.st_dev, status.st_ino)
+                                            : std::pair<dev_t, ino_t>();
 }
 
 } // namespace
@@ -34,7 +42,9 @@ FolderWatch::FolderWatch(CFRunLoopRef loop, std::string folder,
 FolderWatch::~FolderWatch() = default;
 
 void FolderWatch::start() {
-    if (!watch())
+    if (watch())
+        mRetry.start(kNamePause, [this] { lookAtName(); });
+    else
         mRetry.start(kRetryPause, [this] { start(); });
     if (mEntries)
         lookAgain();
@@ -50,6 +60,7 @@ bool FolderWatch::watch() {
         return false;
     }
     try {
+        mWatched = fileAt(mFolder); // before: what takes its place meanwhile is noticed later
         if (!mEvents.watch(mFolder))
             throw std::system_error(errno, std::generic_category());
         mSource = std::make_unique<CoreFoundation::FileSource>(mLoop, mEvents.descriptor(), EPOLLIN,
@@ -93,6 +104,17 @@ void FolderWatch::readEvents() {
     }
     if (changes.any())
         mChanged(changes.left);
+}
+
+// While somebody has a folder open the kernel does not tell that it was deleted.
+void FolderWatch::lookAtName() {
+    if (mWatched == fileAt(mFolder)) {
+        mRetry.start(kNamePause, [this] { lookAtName(); });
+        return;
+    }
+    mSource.reset();
+    mEvents.stop();
+    start();
 }
 
 // Many processes may look at a folder with many files. So its entries are gone through when the folder says

@@ -69,7 +69,7 @@ std::set<std::string> filesIn(const std::string& folder) {
 void HardwareSearch::begin() {
     mFolder = hardwareFolderPath();
     mWatch = std::make_unique<FolderWatch>(
-        mLoop, mFolder, [folder = mFolder] { return ensureFolder(folder); },
+        mLoop, mFolder, [] { return ensureHardwareFolder(); },
         [this](const std::set<std::string>& gone) { look(gone); });
     mWatch->start();
 }

@@ -111,4 +111,19 @@ std::optional<std::string> ensureFolder(const std::string& path) {
     return std::nullopt;
 }
 
+std::optional<std::string> ensureHardwareFolder() {
+    const std::string path = hardwareFolderPath();
+    if (auto problem = ensureFolder(path))
+        return problem;
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0)
+        return path + " is gone again";
+    if (status.st_uid != geteuid())
+        return path + " belongs to another user";
+    // In the runtime folder nobody else gets at it.
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !path.starts_with(runtimeFolderPath() + "/"))
+        return path + " can be written to by others";
+    return std::nullopt;
+}
+
 } // namespace VellService

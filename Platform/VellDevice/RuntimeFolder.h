@@ -28,5 +28,8 @@ std::optional<std::string> ensureRuntimeFolder();
 std::optional<std::string> checkRuntimeFolder();
 // As ensureRuntimeFolder, for a folder in the runtime folder or one that the user has named.
 std::optional<std::string> ensureFolder(const std::string& path);
+// The same for the hardware folder, where a file is a device: it must be this user's, and his alone to write
+// to.
+std::optional<std::string> ensureHardwareFolder();
 
 } // namespace VellService

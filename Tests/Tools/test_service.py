@@ -1,5 +1,6 @@
 """The service and its plug-in processes: starting, restarting, ending, and what is left of them."""
 
+import contextlib
 import os
 import pathlib
 import re
@@ -165,6 +166,95 @@ class ServiceTest(ToolsTest):
         self.assertEqual(second.returncode, 1)
         self.assertIn("already watching", second.stderr)
 
+    def test_old_logs_go_and_what_is_not_of_plugins_stays(self):
+        logs = pathlib.Path(self.runtime, "log")
+        logs.mkdir()
+        old = [f"TaviTable_{5000000 + number}.log" for number in range(24)]  # of processes that are no more
+        old[7] += ".1"
+        others = [f"TaviTable_{os.getpid()}.log", "notes.log", "table_1.log.txt", "TaviTable_x.log"]
+        for age, name in enumerate([*old, *others]):
+            (logs / name).touch()
+            os.utime(logs / name, (1e9 - age, 1e9 - age))
+        self.start_service()
+        wait_until(lambda: self.log_lines("watching"), "the service")
+        self.assertEqual(sorted(os.listdir(logs)), sorted(old[:20] + others))
+
+    def test_folders_that_are_deleted_moved_and_replaced(self):
+        self.start_service()
+        table = self.attach("usb:table")
+        self.connect()
+
+        def delete(folder):
+            shutil.rmtree(folder)
+
+        def put_back(folder):
+            shutil.rmtree(folder, ignore_errors=True)  # it is made again at once
+            with contextlib.suppress(OSError):
+                os.rename(folder + ".away", folder)
+                return True
+
+        def move_away_and_back(folder):
+            os.rename(folder, folder + ".away")
+            os.remove(os.path.join(folder + ".away", os.path.relpath(table, folder)))
+            wait_until(lambda: put_back(folder), "a free place")
+
+        for change in (delete, move_away_and_back):
+            for folder in (self.hardware, self.runtime):
+                with self.subTest(f"{change.__name__} {folder}"):
+                    processes = self.plugin_processes()
+                    change(folder)
+                    wait_until(lambda: not any(map(is_running, processes)), "the end of the plug-ins", 10)
+                    wait_until(lambda: os.path.exists(self.hardware), "the folder", 10)
+                    self.attach("usb:table")
+                    wait_until(lambda: len(self.plugin_processes()) > len(processes), "the next plug-in", 10)
+                    self.connect()
+                    inode = f":{os.stat(self.hardware).st_ino} "
+                    wait_until(lambda: inode in pathlib.Path("/proc/locks").read_text(), "the lock", 10)
+                    second = subprocess.run([os.path.join(BIN, "vell-service")], env=self.environment, text=True,
+                                            capture_output=True, timeout=60)
+                    self.assertIn("already watching", second.stderr)
+
+    def test_hardware_folders_of_others_are_refused(self):
+        folder = self.path("open")
+        os.mkdir(folder)
+        os.chmod(folder, 0o777)
+        folders = {folder: "can be written to by others"}
+        if os.geteuid() == 0:
+            theirs = self.path("theirs")
+            os.mkdir(theirs, 0o755)
+            os.chown(theirs, 12345, 12345)
+            folders[theirs] = "belongs to another user"
+        else:
+            folders["/usr"] = "belongs to another user"
+        for folder, problem in folders.items():
+            service = self.start("vell-service", "--hardware-dir", folder, stderr=subprocess.PIPE)
+            self.assertIn(f"{folder} {problem}", service.communicate(timeout=60)[1])
+            self.assertEqual(service.returncode, 1)
+
+    def test_a_temporary_service_removes_only_what_it_made(self):
+        def run_in(folder):
+            service = self.start("vell-service", "--temporary", str(os.getpid()), "--runtime-dir", folder,
+                                 stderr=subprocess.PIPE)
+            line = service.stderr.readline()
+            if "watching" in line:
+                service.terminate()
+            service.communicate(timeout=60)
+            return service.returncode, line
+
+        full, empty, new = map(self.path, ("full", "empty", "new"))
+        for folder in (full, empty):
+            os.mkdir(folder)
+        pathlib.Path(full, "thesis.txt").touch()
+        status, line = run_in(full)
+        self.assertEqual((status, os.listdir(full)), (1, ["thesis.txt"]))
+        self.assertIn("full is not empty", line)
+        for folder in (empty, new):
+            status, line = run_in(folder)
+            self.assertIn("watching", line)
+            self.assertEqual(status, 0)
+        self.assertEqual(os.listdir(empty), [])
+        self.assertFalse(os.path.exists(new))
+
     def test_other_hardware_starts_nothing(self):
         self.start_service()
         self.attach("usb:printer", table=TABLE | {"ProductID": 1})
@@ -201,8 +291,12 @@ class HostTest(ToolsTest):
         self.assertEqual(status, 1)
         self.assertIn(os.path.basename(self.folder), error)
 
-    def test_without_a_run_loop_the_entry_returns(self):
-        self.assertEqual(self.run_host("usb:table", self.BUNDLE, "-norunloop")[0], 0)
+    def test_it_drives_the_loop_of_a_plugin_that_does_not(self):
+        self.environment["TAVI_TABLE"] = file = self.attach("usb:table")
+        host = self.start("vell-plugin-host", "usb:table", self.BUNDLE, "-norunloop")
+        self.assertEqual(self.connect().call("Calibrate")["Code"], 0)
+        os.remove(file)
+        self.assertEqual(host.wait(60), 0)
         self.assertEqual(self.sockets(), [])
 
     def test_it_does_not_begin_without_its_service(self):

@@ -29,7 +29,7 @@ std::filesystem::path fileFor(const std::string& devicePath) {
 }
 
 HardwareFile attached(const std::string& devicePath) {
-    if (const auto problem = VellService::ensureFolder(VellService::hardwareFolderPath()))
+    if (const auto problem = VellService::ensureHardwareFolder())
         throw DeviceFailure(*problem);
     for (const HardwareFile& file : HardwareFile::all()) {
         if (file.devicePath() == devicePath)

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <system_error>
 
 namespace tablectl {
@@ -63,6 +64,7 @@ Simulation::Simulation(const Options& options) {
     try {
         setenv("VELL_RUNTIME_DIR", mFolder.c_str(), 1);
         setenv("VELL_HARDWARE_DIR", (mFolder / "hardware").c_str(), 1);
+        std::ofstream(mFolder / ".temporary"); // tells the service to remove the folder
         std::filesystem::create_directory(mFolder / "hardware");
         HardwareFile table = HardwareFile::make(mFolder / "hardware" / "table.plist", devicePath);
         table.set(

@@ -2,6 +2,7 @@
 #include "Bundle.h"
 #include "DeviceService.h"
 #include "Log.h"
+#include "OldLogs.h"
 
 #include <Base/FileDescriptor.h>
 #include <Base/Number.h>
@@ -9,9 +10,11 @@
 
 #include <fcntl.h>
 #include <getopt.h>
+#include <support/CenterLoop.h>
 #include <support/SignalWatcher.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -19,6 +22,8 @@
 #include <cstdlib>
 #include <optional>
 #include <stdexcept>
+#include <string>
+#include <utility>
 
 namespace {
 
@@ -33,10 +38,12 @@ constexpr const char* kUsage =
     "                           runtime folder)\n"
     "  --restart-pause SECONDS  before the first restart of a plug-in; doubles up to a minute (default: 1)\n"
     "  --record DIR             record what passes between plug-in and instrument, a file per start\n"
-    "  --temporary PID          end with the process PID, which has started the service, and remove the\n"
-    "                           runtime folder then\n"
+    "  --temporary PID          end with the process PID, which has started the service, and remove then\n"
+    "                           what is in the runtime folder, which must be empty or new\n"
     "  --verbose, --quiet       more on standard error, or problems only\n"
     "  --help, --version\n";
+
+constexpr double kFolderPause = 0.5; // seconds between two looks at the hardware folder's name
 
 struct Options {
     std::filesystem::path bundle;
@@ -131,18 +138,73 @@ std::optional<Options> parseOptions(int argc, char** argv) {
     }
 }
 
+struct AnotherService : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
 // Two services would start two plug-ins for each device. The hardware folder itself carries the lock, so that
-// nothing is left of it whichever way the service ends.
-Base::FileDescriptor lockHardware(const std::string& folder) {
-    for (const auto& problem : {VellService::ensureRuntimeFolder(), VellService::ensureFolder(folder)}) {
-        if (problem)
-            throw std::runtime_error(*problem);
+// nothing is left of it whichever way the service ends. When the folder is deleted or replaced, the lock
+// moves to the one that then has its name.
+class HardwareLock {
+public:
+    // Throws AnotherService, or std::runtime_error when the folder cannot be used.
+    explicit HardwareLock(std::string folder) : mFolder(std::move(folder)) { take(); }
+
+    // Throws like the constructor; what cannot be used may be fit at the next call.
+    void follow() {
+        struct stat held {};
+        struct stat named {};
+        if (fstat(mLock.get(), &held) == 0 && stat(mFolder.c_str(), &named) == 0 &&
+            held.st_dev == named.st_dev && held.st_ino == named.st_ino)
+            return;
+        mLock.reset(); // the kernel tells of a folder's end when nobody has it open any more
+        take();
+        service::log("%s is another folder now", mFolder.c_str());
     }
-    Base::FileDescriptor lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!lock || flock(lock.get(), LOCK_EX | LOCK_NB) != 0)
-        throw std::runtime_error("a service is already watching " + folder);
-    return lock;
-}
+
+private:
+    void take() {
+        for (const auto& problem :
+             {VellService::ensureRuntimeFolder(), VellService::ensureHardwareFolder()}) {
+            if (problem)
+                throw std::runtime_error(*problem);
+        }
+        mLock.reset(open(mFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!mLock || flock(mLock.get(), LOCK_EX | LOCK_NB) != 0)
+            throw AnotherService("a service is already watching " + mFolder);
+    }
+
+    const std::string mFolder;
+    Base::FileDescriptor mLock;
+};
+
+// The runtime folder of a temporary service, which leaves nothing in it.
+class TemporaryFolder {
+public:
+    // Throws std::runtime_error when something is in the folder already, unless whoever filled it has marked
+    // it as one to be removed.
+    TemporaryFolder() : mFolder(VellService::runtimeFolderPath()) {
+        std::error_code error;
+        mIsMarked = std::filesystem::exists(mFolder / ".temporary", error);
+        mIsOurs = !std::filesystem::exists(std::filesystem::symlink_status(mFolder, error));
+        if (!mIsOurs && !mIsMarked && !std::filesystem::is_empty(mFolder, error))
+            throw std::runtime_error(mFolder.string() + " is not empty: it is none for a temporary service");
+    }
+    void clear() const {
+        std::error_code error;
+        if (mIsOurs || mIsMarked) {
+            std::filesystem::remove_all(mFolder, error);
+            return;
+        }
+        for (const auto& entry : std::filesystem::directory_iterator(mFolder, error))
+            std::filesystem::remove_all(entry.path(), error);
+    }
+
+private:
+    const std::filesystem::path mFolder;
+    bool mIsMarked = false;
+    bool mIsOurs = false; // made by this process
+};
 
 int run(const Options& options) {
     if (options.temporaryFor) {
@@ -151,7 +213,11 @@ int run(const Options& options) {
             throw std::runtime_error("the process that the service is for is gone");
     }
     const std::string hardware = VellService::hardwareFolderPath();
-    const Base::FileDescriptor lock = lockHardware(hardware);
+    std::optional<TemporaryFolder> temporary;
+    if (options.temporaryFor)
+        temporary.emplace();
+    HardwareLock lock(hardware);
+    service::removeOldLogs();
     const service::Bundle bundle(!options.bundle.empty() ? options.bundle : tools::ownBundle());
 
     if (!options.recordings.empty()) {
@@ -171,11 +237,24 @@ int run(const Options& options) {
                     devices.end();
             });
         });
+        std::string told; // one line for one trouble
+        const tools::LoopTimer follower(kFolderPause, kFolderPause, [&] {
+            try {
+                lock.follow();
+                told.clear();
+            } catch (const std::runtime_error& problem) {
+                if (std::exchange(told, problem.what()) == problem.what())
+                    return;
+                service::logError("%s", problem.what());
+                if (dynamic_cast<const AnotherService*>(&problem))
+                    devices.end();
+            }
+        });
         service::log("watching %s", hardware.c_str());
         VellDeviceCenterRunLoop(center);
     }
-    if (options.temporaryFor)
-        std::filesystem::remove_all(VellService::runtimeFolderPath());
+    if (temporary)
+        temporary->clear();
     return 0;
 }
 

@@ -106,6 +106,8 @@ class PrivateService:
         try:
             if len(self.folder) > LONGEST_FOLDER:
                 raise Error(f"the folder for temporary files has too long a name for sockets: {self.folder}")
+            with open(os.path.join(self.folder, ".temporary"), "wb"):  # tells the service to remove the folder
+                pass
             self.simulation = Simulation(self.folder, **settings)
             environment = {**os.environ, "VELL_RUNTIME_DIR": self.folder,
                            "VELL_HARDWARE_DIR": os.path.join(self.folder, "hardware")}

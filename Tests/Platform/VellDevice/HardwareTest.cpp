@@ -1,7 +1,10 @@
 #include "ServiceTest.h"
 
+#include <Base/FileDescriptor.h>
 #include <Base/FolderEvents.h>
+#include <CoreFoundation/Clock.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -150,6 +153,21 @@ TEST_F(HardwareTest, FolderIsMadePrivateAndMadeAgain) {
     ASSERT_TRUE(becomes({"+usb:a"}));
     std::filesystem::remove_all(folder.hardwareFolder());
     ASSERT_TRUE(becomes({"+usb:a", "-usb:a"}));
+    replaceFile(file("a.plist"), hardware("usb:a"));
+    EXPECT_TRUE(becomes({"+usb:a", "-usb:a", "+usb:a"}));
+}
+
+// Then the kernel does not tell of its end.
+TEST_F(HardwareTest, FolderThatIsOpenSomewhereIsMadeAgainToo) {
+    CoreFoundation::VirtualClock clock;
+    VellHardwareManagerOpen(manager());
+    replaceFile(file("a.plist"), hardware("usb:a"));
+    ASSERT_TRUE(becomes({"+usb:a"}));
+    const Base::FileDescriptor held(open(folder.hardwareFolder().c_str(), O_RDONLY | O_DIRECTORY));
+    std::filesystem::remove_all(folder.hardwareFolder());
+    ASSERT_TRUE(becomes({"+usb:a", "-usb:a"}));
+    clock.advance(2.1);
+    ASSERT_TRUE(runUntil([&] { return std::filesystem::exists(folder.hardwareFolder()); }));
     replaceFile(file("a.plist"), hardware("usb:a"));
     EXPECT_TRUE(becomes({"+usb:a", "-usb:a", "+usb:a"}));
 }
