@@ -1,6 +1,7 @@
 #include "Instrument.h"
 
 #include "HardwareFile.h"
+#include "Quoted.h"
 #include "Recognition.h"
 #include "Status.h"
 
@@ -174,7 +175,7 @@ void Instrument::setOption(const char* key, const char* value) {
         return;
     }
     if (isInformation(name)) {
-        throw Refusal(Status::ReadOnly, "The option \"" + std::string(name) + "\" cannot be written.");
+        throw Refusal(Status::ReadOnly, "The option " + quoted(name) + " cannot be written.");
     }
     if (mOptions.isSpectrophotometers(name)) {
         requireSpectrophotometer();
@@ -219,7 +220,7 @@ std::optional<std::string> Instrument::option(const char* key) {
     if (const std::string* text = mOptions.find(name)) {
         return *text;
     }
-    throw Refusal(Status::UnknownOption, "There is no option \"" + std::string(name) + "\".");
+    throw Refusal(Status::UnknownOption, "There is no option " + quoted(name) + ".");
 }
 
 void Instrument::checkConnected() {

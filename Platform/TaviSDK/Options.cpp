@@ -1,5 +1,6 @@
 #include "Options.h"
 
+#include "Quoted.h"
 #include "Status.h"
 
 #include <Base/Number.h>
@@ -116,11 +117,11 @@ void Options::resetToDefaults() {
 void Options::set(std::string_view key, std::string_view value) {
     const Definition* definition = definitionOf(key);
     if (definition == nullptr) {
-        throw Refusal(Status::UnknownOption, "There is no option \"" + std::string(key) + "\".");
+        throw Refusal(Status::UnknownOption, "There is no option " + quoted(key) + ".");
     }
     if (!takes(definition->rule, value)) {
         throw Refusal(Status::ImpossibleValue,
-                      "The option \"" + std::string(key) + "\" cannot be \"" + std::string(value) + "\".");
+                      "The option " + quoted(key) + " cannot be " + quoted(value) + ".");
     }
     mValues.find(key)->second = value;
 }

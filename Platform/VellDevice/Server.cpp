@@ -11,14 +11,17 @@
 #include <chrono>
 #include <cmath>
 #include <stdexcept>
+#include <utility>
 
 namespace VellService {
 namespace {
 
 constexpr int kAcceptsInARow = 64; // before other descriptors get their turn
 constexpr CFTimeInterval kAcceptPause = 0.1;
+constexpr int kClientsOfAProcess = 512;
 constexpr CFTimeInterval kRepeatPause = 0.1;
 constexpr CFTimeInterval kListenPause = 1.0;
+constexpr CFTimeInterval kLookPause = 2.0; // between two looks at the socket's name
 constexpr std::chrono::milliseconds kFlushTime{1000};
 constexpr int kFlushPause = 5; // milliseconds
 
@@ -67,6 +70,7 @@ std::optional<std::string> Server::tryToListen(const std::string& path) {
             return std::nullopt; // closed meanwhile
         VellLogInfo("[Server] - listening on %s\n", listener->socket.path().c_str());
         mListener = listener;
+        mListenPause.start(kLookPause, [this] { lookForSocket(); });
         return std::nullopt;
     } catch (const std::exception& problem) {
         return problem.what();
@@ -81,6 +85,24 @@ void Server::listenAgain() {
     }
     if (path && tryToListen(*path))
         mListenPause.start(kListenPause, [this] { listenAgain(); });
+}
+
+void Server::lookForSocket() {
+    std::shared_ptr<Listener> lost;
+    {
+        const Base::Lock lock(mMutex);
+        if (!mListener)
+            return; // closed
+        if (!mListener->socket.isThere())
+            lost.swap(mListener);
+    }
+    if (!lost) {
+        mListenPause.start(kLookPause, [this] { lookForSocket(); });
+        return;
+    }
+    VellLogWarning("[Server] - %s was deleted\n", lost->socket.path().c_str());
+    disposeOf(lost, {}); // the clients that it has taken in stay
+    listenAgain();
 }
 
 void Server::acceptClients(const std::shared_ptr<Listener>& listener) {
@@ -124,6 +146,12 @@ void Server::admit(Base::FileDescriptor socket) {
         VellLogWarning("[Server] - a process of user %u was turned away\n", credentials.uid);
         return;
     }
+    if (clientsOf(credentials.pid) >= kClientsOfAProcess) {
+        if (std::exchange(mTurnedAway, credentials.pid) != credentials.pid)
+            VellLogWarning("[Server] - process %d has %d connections already, more are turned away\n",
+                           credentials.pid, kClientsOfAProcess);
+        return;
+    }
     Sender sender;
     sender.processIdentifier = credentials.pid;
     sender.isThisProcess = credentials.pid == getpid();
@@ -134,7 +162,7 @@ void Server::admit(Base::FileDescriptor socket) {
         if (!mListener)
             return;
         sender.connection = ++mLastClient;
-        mClients.emplace(sender.connection, channel);
+        mClients.emplace(sender.connection, ClientOfProcess{credentials.pid, channel});
         channel->send(mPublished);
     }
     FrameChannel::Handlers handlers;
@@ -174,16 +202,22 @@ void Server::remove(ConnectionIdentifier client) {
     const auto found = mClients.find(client);
     if (found == mClients.end())
         return;
-    channel = std::move(found->second);
+    channel = std::move(found->second.channel);
     mClients.erase(found);
+}
+
+std::ptrdiff_t Server::clientsOf(pid_t process) const {
+    const Base::Lock lock(mMutex);
+    return std::count_if(mClients.begin(), mClients.end(),
+                         [&](const auto& entry) { return entry.second.process == process; });
 }
 
 std::vector<std::shared_ptr<FrameChannel>> Server::channels() const {
     std::vector<std::shared_ptr<FrameChannel>> all;
     const Base::Lock lock(mMutex);
     all.reserve(mClients.size());
-    for (const auto& [identifier, channel] : mClients)
-        all.push_back(channel);
+    for (const auto& [identifier, client] : mClients)
+        all.push_back(client.channel);
     return all;
 }
 
@@ -198,9 +232,9 @@ void Server::publish(const Frame& status) {
     if (isForAll)
         mPublishedToAll = now;
     mPublished = status;
-    for (const auto& [identifier, channel] : mClients)
+    for (const auto& [identifier, client] : mClients)
         if (isForAll || identifier == mServed)
-            channel->send(status);
+            client.channel->send(status);
 }
 
 void Server::forgetPublished() {
@@ -210,21 +244,21 @@ void Server::forgetPublished() {
 
 void Server::broadcast(const Frame& frame) {
     const Base::Lock lock(mMutex);
-    for (const auto& [identifier, channel] : mClients)
-        channel->send(frame);
+    for (const auto& [identifier, client] : mClients)
+        client.channel->send(frame);
 }
 
 void Server::send(ConnectionIdentifier client, const Frame& frame) {
     const Base::Lock lock(mMutex);
     const auto found = mClients.find(client);
     if (found != mClients.end())
-        found->second->send(frame);
+        found->second.channel->send(frame);
 }
 
 void Server::flush() {
     const Base::Lock lock(mMutex);
-    for (const auto& [identifier, channel] : mClients)
-        channel->flush();
+    for (const auto& [identifier, client] : mClients)
+        client.channel->flush();
 }
 
 void Server::close() {
@@ -263,7 +297,7 @@ void Server::disposeOf(const std::shared_ptr<Listener>& listener,
         channel->close();
     const Base::Lock lock(mMutex);
     std::erase_if(mClients, [&](const auto& entry) {
-        return std::find(ended.begin(), ended.end(), entry.second) != ended.end();
+        return std::find(ended.begin(), ended.end(), entry.second.channel) != ended.end();
     });
 }
 

@@ -26,7 +26,8 @@ public:
     ~Server();
 
     // Listens under the name's hash. What is in the way is logged, and until it has gone (a process that
-    // serves the same device and is about to end, say) the plug-in runs without clients.
+    // serves the same device and is about to end, say) the plug-in runs without clients. A socket that
+    // somebody deletes comes back.
     void listen(const __VellString& name);
 
     // A client gets the frame last published before anything else. While a client's command is handled, one
@@ -48,8 +49,14 @@ private:
         std::unique_ptr<CoreFoundation::FileSource> source; // the loop's thread only
     };
 
+    struct ClientOfProcess {
+        pid_t process;
+        std::shared_ptr<FrameChannel> channel;
+    };
+
     std::optional<std::string> tryToListen(const std::string& path);
     void listenAgain();
+    void lookForSocket();
     void acceptClients(const std::shared_ptr<Listener>& listener);
     void admit(Base::FileDescriptor socket);
     void pauseAccepting(const std::shared_ptr<Listener>& listener);
@@ -59,18 +66,20 @@ private:
     void disposeOf(const std::shared_ptr<Listener>& listener,
                    const std::vector<std::shared_ptr<FrameChannel>>& channels);
     std::vector<std::shared_ptr<FrameChannel>> channels() const;
+    std::ptrdiff_t clientsOf(pid_t process) const;
 
     const CFRunLoopRef mLoop;
     const CommandHandler mHandler;
     Delay mListenPause;
     Delay mAcceptPause;
+    pid_t mTurnedAway = 0; // the process of the last log line. The loop's thread only
     bool mIsShort = false; // of descriptors; one log line for one shortage. The loop's thread only
 
     // Every client sees posts in one order. Taken before a channel's lock.
     mutable Base::Mutex mMutex;
     std::optional<std::string> mPath GUARDED_BY(mMutex); // of the socket to listen at, until close
     std::shared_ptr<Listener> mListener GUARDED_BY(mMutex);
-    std::map<ConnectionIdentifier, std::shared_ptr<FrameChannel>> mClients GUARDED_BY(mMutex);
+    std::map<ConnectionIdentifier, ClientOfProcess> mClients GUARDED_BY(mMutex);
     ConnectionIdentifier mLastClient GUARDED_BY(mMutex) = kOwnConnection;
     ConnectionIdentifier mServed GUARDED_BY(mMutex) = kOwnConnection; // whose command is being handled
     Frame mPublished GUARDED_BY(mMutex);

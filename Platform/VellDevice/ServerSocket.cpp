@@ -108,13 +108,17 @@ ServerSocket::~ServerSocket() {
     withdraw();
 }
 
+bool ServerSocket::isThere() const {
+    struct stat status {};
+    return lstat(mPath.c_str(), &status) == 0 && status.st_dev == mDevice && status.st_ino == mInode;
+}
+
 void ServerSocket::withdraw() {
     // Only once: afterwards a successor's socket may be there, under the same number even.
     if (mWithdrawn.exchange(true))
         return;
-    struct stat status {};
     // While this socket answers, nobody replaces it, so what is ours now is ours when it is unlinked.
-    if (lstat(mPath.c_str(), &status) == 0 && status.st_dev == mDevice && status.st_ino == mInode)
+    if (isThere())
         unlink(mPath.c_str());
     shutdown(mSocket.get(), SHUT_RDWR);
 }

@@ -27,6 +27,8 @@ public:
 
     int descriptor() const { return mSocket.get(); }
     const std::string& path() const { return mPath; }
+    // Whether the path still names this socket.
+    bool isThere() const;
     // Any thread: takes the socket out of the folder, as long as it is still ours, and turns clients away.
     void withdraw();
 

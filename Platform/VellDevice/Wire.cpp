@@ -12,6 +12,7 @@ namespace {
 
 // More entries than any message of ours has: a sender who goes beyond is not worth the time.
 constexpr std::uint32_t kMaximumEntries = 4096;
+constexpr std::size_t kMaximumText = 64 << 10; // bytes of a command's names, and of its arguments together
 
 Frame frameOf(const std::string& payload, const char* what) {
     if (payload.size() > kMaximumPayload) {
@@ -293,14 +294,21 @@ Ref<__VellDeviceCommand> commandOf(const Message& message, const Sender& sender)
         return {};
     auto command = Ref<__VellDeviceCommand>::adopt(new __VellDeviceCommand(name.get()));
     setCommandFields(message, *command);
+    std::size_t size = 0;
     forEachString(message, arguments, [&](const Ref<__VellString>& key, const Ref<__VellString>& value) {
-        command->setArgument(key.get(), value.get());
+        size += key->text.size() + value->text.size();
+        if (size <= kMaximumText)
+            command->setArgument(key.get(), value.get());
     });
+    const Ref<__VellString> ticket = stringIn(message, message.root(), "Ticket");
+    for (const auto* text : {name.get(), command->deviceName.get(), command->devicePath.get(), ticket.get()})
+        size = std::max(size, textOf(text).size());
+    if (size > kMaximumText)
+        return {};
     const auto* source = command->argument("source");
     if (!sender.isThisProcess && source && source->value->text == "hardware")
         command->setArgument(source->key.get(), nullptr);
     command->data = dataIn(message);
-    const Ref<__VellString> ticket = stringIn(message, message.root(), "Ticket");
     command->receipt = receiptWith(ticket ? ticket : makeString(""), sender.processIdentifier);
     command->connection = sender.connection;
     return command;

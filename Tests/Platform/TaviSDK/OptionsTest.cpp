@@ -57,6 +57,9 @@ TEST_F(OptionsTest, takesWhatMakesSenseAndKeepsTheOldValueOtherwise) {
     }
     EXPECT_EQ(Tavi_SetOption("NoSuchOption", "1"), 2);
     EXPECT_EQ(Tavi_GetOption("NoSuchOption"), nullptr);
+    const std::string longName(1 << 20, 'x'); // is not told as a whole
+    EXPECT_EQ(Tavi_SetOption(longName.c_str(), longName.c_str()), 2);
+    EXPECT_LT(option("LastError").size(), 400U);
     EXPECT_EQ(Tavi_GetOption(nullptr), nullptr);
     EXPECT_NE(Tavi_SetOption(nullptr, nullptr), 0);
 }

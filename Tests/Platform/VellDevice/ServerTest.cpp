@@ -259,22 +259,39 @@ TEST_F(ServerTest, ClientThatNeverReadsIsCutOffAndDisturbsNobody) {
     EXPECT_TRUE(deaf.isHungUp());
 }
 
-TEST_F(ServerTest, FiveHundredClientsAreServed) {
+TEST_F(ServerTest, AsManyClientsAsAProcessMayHaveAreServed) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
     setrlimit(RLIMIT_NOFILE, &limit);
     std::list<FrameClient> clients;
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < 512; ++i) {
         clients.push_back(connect());
         runSomePasses(1);
     }
+    EXPECT_TRUE(connect().isHungUp()) << "the next one";
     for (FrameClient& client : clients)
         client.sendCommand("Quit", "1");
     VellDevicePostStatus(device());
     for (FrameClient& client : clients) {
         EXPECT_TRUE(client.receiveType("Status"));
         EXPECT_TRUE(client.receiveType("Response"));
+    }
+}
+
+TEST_F(ServerTest, SocketThatSomebodyDeletesComesBack) {
+    CoreFoundation::VirtualClock clock(CFAbsoluteTimeGetCurrent());
+    FrameClient before = connect();
+    before.sendCommand("Quit", "1");
+    EXPECT_TRUE(before.receive());
+    const std::string path = folder.socketPath(kSource);
+    ASSERT_TRUE(std::filesystem::remove(path));
+    clock.advance(2.1);
+    ASSERT_TRUE(runUntil([&] { return std::filesystem::exists(path); }));
+    FrameClient after = connect();
+    for (FrameClient* const client : {&before, &after}) {
+        client->sendCommand("Quit", "2");
+        EXPECT_TRUE(client->receive());
     }
 }
 

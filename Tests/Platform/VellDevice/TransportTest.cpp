@@ -76,6 +76,12 @@ TEST_F(HostileClientTest, MalformedMessagesEndTheirConnectionOnly) {
     expectCutOff(FrameClient::frame(FrameClient::encoded(VellConstStringCreateWithCString("no dictionary"))));
     expectCutOff(dictionaryFrame({{"Type", "Command"}}));  // without a name
     expectCutOff(dictionaryFrame({{"Type", "Response"}})); // the wrong way
+    const std::string longest(64 << 10, 'x');
+    expectCutOff(FrameClient::command(longest + 'x', "1"));
+    expectCutOff(FrameClient::command("Quit", "1", {{"a", longest.substr(2)}, {"b", "x"}}));
+    FrameClient honest = connect();
+    honest.send(FrameClient::command("Quit", "1", {{"a", longest.substr(1)}}));
+    EXPECT_TRUE(honest.receive());
 }
 
 TEST_F(HostileClientTest, MessagesOfUnknownKindAreIgnored) {
