@@ -14,8 +14,8 @@ import subprocess
 import time
 import unittest
 
-from support import (BANDS, BIN, PATIENCE, Chart, RawClient, ToolsTest, is_running, measurements_so_far, read_measurements, single,
-                     wait_until)
+from support import (BIN, PATIENCE, Chart, RawClient, ToolsTest, is_running, measurements_so_far, read_measurements,
+                     single, wait_until)
 
 CLOCK_SPEED = 100  # where it is fast: the 30 seconds of a client's lock pass in 0.3
 HANG = "hang=3600"  # until the fault is lifted

@@ -6,8 +6,8 @@
             async for row in table.scan(layout):
                 ...
 
-Names, arguments and exceptions are those of vell_device's `Service` and `Table`, which say more; whatever waits there is
-awaited here. All of it belongs to the event loop that the service was entered in, callbacks included."""
+Names, arguments and exceptions are those of vell_device's `Service` and `Table`, which say more; what waits
+there is awaited here. All of it belongs to the event loop that the service was entered in, callbacks included."""
 
 from __future__ import annotations
 
@@ -16,8 +16,8 @@ import contextlib
 import os
 import time
 import weakref
-from typing import (Any, AsyncGenerator, AsyncIterator, Callable, Dict, Generator, List, Mapping, Optional, Sequence, Set,
-                    Tuple, TypeVar, Union)
+from typing import (Any, AsyncGenerator, AsyncIterator, Callable, Dict, Generator, List, Mapping, Optional, Sequence,
+                    Set, Tuple, TypeVar, Union)
 
 from .charts import Layout, Row
 from .core import LOOK_EVERY, Core, Described, Event, Link, Outcome, log
@@ -377,10 +377,10 @@ class Table(Described):
                       timeout: Optional[float] = None) -> Response:
         return await self.send("Measure", arguments, timeout=timeout)
 
-    def scan(self, layout: Layout, *, rows: Optional[Sequence[int]] = None, spots: int = 0, low_resolution: bool = False,
-             progress: Shown = False, timeout: Optional[float] = None) -> AsyncGenerator[Row, None]:
-        """Measures a chart; its rows as they come. Whatever ends it early (an error, a cancelled task, `aclose`, the end
-        of the lock's block) cancels the measurement and sends the head home."""
+    def scan(self, layout: Layout, *, rows: Optional[Sequence[int]] = None, spots: int = 0,
+             low_resolution: bool = False, progress: Shown = False, timeout: Optional[float] = None) -> AsyncGenerator[Row, None]:
+        """Measures a chart; its rows as they come. Whatever ends it early (an error, a cancelled task, `aclose`, the
+        end of the lock's block) cancels the measurement and sends the head home."""
         request = ScanRequest(layout, rows, spots, low_resolution, timeout)
         generator = self._rows(request, Reporter(progress, layout, range(layout.rows) if rows is None else rows))
         self._scans.add(generator)

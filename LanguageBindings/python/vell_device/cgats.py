@@ -44,7 +44,8 @@ def single(values: Iterable[float]) -> Tuple[float, ...]:
 def shortest(value: float) -> str:
     """The shortest text that reads back to the same 32-bit float."""
     (exact,) = single((value,))
-    return next(text for digits in (6, 7, 8, 9) for text in [f"{exact:.{digits}g}"] if single((float(text),))[0] == exact)
+    texts = (f"{exact:.{digits}g}" for digits in (6, 7, 8, 9))
+    return next(text for text in texts if single((float(text),)) == (exact,))
 
 
 def read_text(path: str) -> str:

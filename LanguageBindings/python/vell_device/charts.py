@@ -40,7 +40,7 @@ class Layout:
     """A chart: a grid of patches, and where the centres of three of its corner cells lie on the table.
 
     A short last row holds the rightmost `last_row_columns` cells of the grid; 0 means that it is full. `patches` are
-    in the order of rows and columns. `keywords` holds what else the header says. ValueError where no chart can be so."""
+    in the order of rows and columns. `keywords` holds what else the header says. ValueError where no chart is so."""
 
     def __init__(self, rows: int, columns: int, top_left: Sequence[float], bottom_left: Sequence[float],
                  bottom_right: Sequence[float], *, last_row_columns: int = 0,

@@ -200,7 +200,8 @@ class Service:
 
         def send() -> None:
             try:
-                sent.append(self._core.send(path, command.name, command.arguments, command.data, exchange._outcomes.put))
+                sent.append(self._core.send(path, command.name, command.arguments, command.data,
+                                            exchange._outcomes.put))
             except Exception as problem:  # what cannot be sent is the sender's affair
                 exchange._outcomes.put(problem)
 
@@ -493,8 +494,8 @@ class Table(Described):
         `scan` measures charts."""
         return self.send("Measure", arguments, timeout=timeout)
 
-    def scan(self, layout: Layout, *, rows: Optional[Sequence[int]] = None, spots: int = 0, low_resolution: bool = False,
-             progress: Shown = False, timeout: Optional[float] = None) -> Generator[Row, None, None]:
+    def scan(self, layout: Layout, *, rows: Optional[Sequence[int]] = None, spots: int = 0,
+             low_resolution: bool = False, progress: Shown = False, timeout: Optional[float] = None) -> Generator[Row, None, None]:
         """Measures a chart; its rows as they come. Sets the mode, and calibrates when the device is not calibrated.
 
         `rows` (from 0) measures only these; `spots` reads each patch so often (at most 5) instead of in strips;

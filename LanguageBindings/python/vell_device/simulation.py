@@ -23,12 +23,11 @@ LONGEST_FOLDER = 107 - len("/12345678.sock")  # that a socket's address can name
 
 def program_folder() -> str:
     """Where vell-service is: in the tree that this package was installed into, else on the path. Error when nowhere."""
-    above = os.path.dirname(os.path.abspath(__file__))
-    while above != os.path.dirname(above):
-        above = os.path.dirname(above)
-        if os.access(os.path.join(above, "bin", "vell-service"), os.X_OK):
-            return os.path.join(above, "bin")
-    found = shutil.which("vell-service")
+    prefix = os.path.abspath(__file__)
+    for _ in range(5):  # this file in vell_device, dist-packages, python3, lib
+        prefix = os.path.dirname(prefix)
+    beside = os.path.join(prefix, "bin", "vell-service")
+    found = beside if os.access(beside, os.X_OK) else shutil.which("vell-service")
     if not found:
         raise Error("vell-service is neither installed beside this package nor on the path")
     return os.path.dirname(os.path.realpath(found))
@@ -99,7 +98,7 @@ class Simulation:
 
 
 class PrivateService:
-    """The process and its folder. It ends with the thread that made it, too: nothing is left even when that is killed."""
+    """The process and its folder. It ends with the thread that made it, too, so that nothing is left when that is killed."""
 
     def __init__(self, settings: Dict[str, Any]) -> None:
         self.folder = tempfile.mkdtemp(prefix="vell-")
