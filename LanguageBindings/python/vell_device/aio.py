@@ -109,6 +109,7 @@ class Service:
         self._waiting: List[asyncio.Future[None]] = []
         self._problem = ""
         self._watching: Optional[asyncio.Task[None]] = None
+        self._is_closed = False
 
     async def __aenter__(self) -> Service:
         self._watching = asyncio.get_running_loop().create_task(self._watch())
@@ -126,6 +127,7 @@ class Service:
                     with contextlib.suppress(Error):
                         await table.unlock(timeout=UNLOCKING)
         finally:
+            self._is_closed = True
             if self._watching:
                 self._watching.cancel()
                 with contextlib.suppress(asyncio.CancelledError):
@@ -148,7 +150,7 @@ class Service:
         """Calls back with "appeared" or "gone" and the table; call what is returned to end that."""
         def observe(event: Event) -> None:
             if event.kind in ("appeared", "gone"):
-                _call_back(callback, event.kind, self._table(event.record.path))
+                self._call_back(callback, event.kind, self._table(event.record.path))
 
         for record in self._core.devices():
             observe(Event("appeared", record))
@@ -165,6 +167,14 @@ class Service:
                 self._core.observers.remove(observer)
 
         return end
+
+    def _call_back(self, callback: Callable[..., None], *arguments: object) -> None:
+        if self._is_closed:
+            return  # that the devices go with their connections is no news to whoever closed them
+        try:
+            callback(*arguments)
+        except Exception:
+            log.exception("a callback failed")
 
     async def _watch(self) -> None:
         while True:
@@ -280,7 +290,7 @@ class Table(Described):
         """Calls back with every record that the device posts; call what is returned to end that."""
         def observe(event: Event) -> None:
             if event.record.path == self.path and event.kind in ("appeared", "changed"):
-                _call_back(callback, event.record)
+                self.service._call_back(callback, event.record)
 
         return self.service._observe(observe)
 
@@ -288,7 +298,7 @@ class Table(Described):
         """Calls back with every response that a press of the button brings; call what is returned to end that."""
         def observe(event: Event) -> None:
             if event.record.path == self.path and event.response:
-                _call_back(callback, event.response)
+                self.service._call_back(callback, event.response)
 
         return self.service._observe(observe)
 
@@ -471,13 +481,6 @@ class Table(Described):
 def _close_all(exchanges: List[Exchange]) -> None:
     for exchange in exchanges:
         exchange.close()
-
-
-def _call_back(callback: Callable[..., None], *arguments: object) -> None:
-    try:
-        callback(*arguments)
-    except Exception:
-        log.exception("a callback failed")
 
 
 class VirtualTable(Table):

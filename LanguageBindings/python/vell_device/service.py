@@ -28,6 +28,7 @@ T = TypeVar("T")
 
 DISCOVERY = 5.0  # seconds
 UNLOCKING = 5.0  # seconds
+CALLBACKS = 5.0  # seconds for those that are under way when a service is closed
 
 
 class _Connection:
@@ -137,6 +138,8 @@ class Service:
             self._wake_up()
             self._thread.join()
             self._callbacks.put(None)
+            if self._caller and self._caller is not threading.current_thread():
+                self._caller.join(CALLBACKS)
 
     def __enter__(self) -> Service:
         return self
@@ -168,6 +171,8 @@ class Service:
             self._wake.send(b"\0")
 
     def _call_back(self, call: Callable[[], None]) -> None:
+        if self._is_closed:
+            return  # that the devices go with their connections is no news to whoever closed them
         if not self._caller:
             self._caller = threading.Thread(target=self._run_callbacks, name="vell_device callbacks", daemon=True)
             self._caller.start()
