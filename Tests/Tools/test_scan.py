@@ -297,6 +297,47 @@ class InterruptedScanTest(ToolsTest):
         self.assertGreaterEqual(len(read_measurements(self.path("out.txt"))), 10)
 
 
+class MisplacedChartTest(ToolsTest):
+    """A chart that does not lie as its layout says is noticed with the first row."""
+
+    def scan(self, chart, place, *options, status=0):
+        """Scans a chart on which the cells hold what the layout has at another place."""
+        printed = Chart(chart.rows, chart.columns)
+        for cell in printed.spectra:
+            printed.spectra[cell] = chart.spectra.get(place(*cell), [0.9] * 36)
+        layout = self.write_chart(chart)
+        return self.tablectl("--simulated", self.write_chart(printed, "printed.txt"), "scan", layout, "--time-scale",
+                             "0", "--output", self.path("out.txt"), *options, status=status)
+
+    def test_what_fits_better_is_told(self):
+        chart = Chart(6, 6)
+        for place, where in (
+                (lambda row, column: (5 - row, 5 - column), "of the chart turned by 180 degrees"),
+                (lambda row, column: (row, 5 - column), "of the chart mirrored from left to right"),
+                (lambda row, column: (5 - column, row), "of the chart turned by 90 degrees clockwise"),
+                (lambda row, column: (row + 4, column), "of row 4"),
+                (lambda row, column: (row, column - 1), "1 column further left"),
+                (lambda row, column: (row + 1, column + 2), "of row 1, 2 columns further right")):
+            _, error = self.scan(chart, place)
+            self.assertRegex(error, rf"warning: .* row 0 has the colours {where} \(mean CIEDE2000 0\.00\), not its own")
+        self.assertEqual(len(read_measurements(self.path("out.txt"))), 36)
+
+    def test_a_print_that_is_merely_off_is_none(self):
+        chart = Chart(4, 6)
+        paler = Chart(4, 6)
+        for cell, spectrum in paler.spectra.items():
+            paler.spectra[cell] = [0.8 * value + 0.15 for value in spectrum]
+        layout = self.write_chart(chart)
+        self.tablectl("--simulated", self.write_chart(paler, "printed.txt"), "scan", layout, "--time-scale", "0",
+                      "--output", self.path("out.txt"), "--strict")
+
+    def test_strictly_it_is_an_error(self):
+        output, error = self.scan(Chart(6, 6), lambda row, column: (5 - row, 5 - column), "--strict", "--report",
+                                  self.path("report.html"), status=1)
+        self.assertIn("tablectl: the chart does not lie as the layout says", error)
+        self.assertLess(len(read_measurements(self.path("out.txt"))), 36)
+
+
 class PictureTest(ToolsTest):
     """The chart on a colour terminal, as it fills."""
 

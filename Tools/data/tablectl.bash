@@ -69,8 +69,8 @@ _tablectl() {
         send) [[ "$previous" == send ]] && _tablectl_offer < <(_tablectl_ask "  " "${device[@]}" commands) ;;
         status) options+=" --watch" ;;
         scan)
-            options+=" --grid --corners --placement --output --resume --repeat --xyz --report --rows --spot --low-resolution --no-picture"
-            options+=" --time-scale"
+            options+=" --grid --corners --placement --output --resume --repeat --xyz --report --rows --spot --low-resolution"
+            options+=" --strict --no-picture --time-scale"
             ;;
         spot) options+=" --count --time-scale" ;;
         align) options+=" --grid --corners --placement --output --time-scale" ;;

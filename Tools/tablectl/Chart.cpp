@@ -173,6 +173,19 @@ Row rowOf(const Reply& reply, const Color::ChartLayout& layout) {
     return row;
 }
 
+std::map<int, Color::Lab> meanColors(const Row& row) {
+    std::map<int, Color::Lab> means;
+    std::map<int, int> counts;
+    for (const Color::Reading& reading : row.readings) {
+        Color::Lab& mean = means[reading.column];
+        const int count = ++counts[reading.column];
+        mean.l += (static_cast<double>(reading.lab[0]) - mean.l) / count;
+        mean.a += (static_cast<double>(reading.lab[1]) - mean.a) / count;
+        mean.b += (static_cast<double>(reading.lab[2]) - mean.b) / count;
+    }
+    return means;
+}
+
 std::string readingsJson(const Row& row, const Color::ChartLayout& layout) {
     std::vector<std::string> readings;
     for (const Color::Reading& reading : row.readings) {

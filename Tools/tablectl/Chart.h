@@ -5,8 +5,10 @@
 #include "Commands.h"
 #include "Device.h"
 
+#include <Color/Colorimetry.h>
 #include <Color/MeasurementFile.h>
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,6 +40,9 @@ struct Row {
     Color::MeasurementCondition condition = Color::MeasurementCondition::M0;
     std::vector<Color::Reading> readings;
 };
+
+// The mean CIELAB colour of each patch, by column.
+std::map<int, Color::Lab> meanColors(const Row& row);
 
 // The readings as a JSON array: `sampleId`, `column`, `spotIndex`, `lab` and `spectrum` of each.
 std::string readingsJson(const Row& row, const Color::ChartLayout& layout);

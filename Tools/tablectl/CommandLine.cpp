@@ -223,6 +223,7 @@ void Grammar::addScan() {
         ->type_name("N")
         ->check(kCount);
     scan.add_flag("--low-resolution", request->lowResolution, "Recognise patches that differ clearly only");
+    scan.add_flag("--strict", request->strict, "End when the first row has the colours of another place");
     scan.add_flag("--no-picture", request->noPicture, "Do not draw the chart on a terminal as it fills");
     addTimeScale(scan);
 }

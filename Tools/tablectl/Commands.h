@@ -30,6 +30,7 @@ struct ScanRequest {
     int repeat = 1; // so many times the whole, for the mean
     bool xyz = false;
     bool lowResolution = false;
+    bool strict = false;    // a chart that does not lie as its layout says ends the scan
     bool noPicture = false; // of the chart as it fills
 };
 

@@ -1,7 +1,5 @@
 #include "Picture.h"
 
-#include <map>
-
 namespace tablectl {
 
 namespace {
@@ -24,20 +22,9 @@ Picture::Picture(const Color::ChartLayout& layout, ColorDepth depth)
       mColors(static_cast<std::size_t>(layout.rows) * static_cast<std::size_t>(layout.columns)) {}
 
 void Picture::add(const Row& row) {
-    std::map<int, std::pair<Color::Lab, double>> sums; // by column
-    for (const Color::Reading& reading : row.readings) {
-        auto& [sum, count] = sums[reading.column];
-        sum.l += static_cast<double>(reading.lab[0]);
-        sum.a += static_cast<double>(reading.lab[1]);
-        sum.b += static_cast<double>(reading.lab[2]);
-        count++;
-    }
     const auto first = static_cast<std::size_t>(row.row) * static_cast<std::size_t>(mLayout.columns);
-    for (const auto& [column, total] : sums) {
-        const auto& [sum, count] = total;
-        mColors[first + static_cast<std::size_t>(column)] =
-            Color::srgbFromLab({sum.l / count, sum.a / count, sum.b / count});
-    }
+    for (const auto& [column, lab] : meanColors(row))
+        mColors[first + static_cast<std::size_t>(column)] = Color::srgbFromLab(lab);
 }
 
 std::vector<std::string> Picture::lines(int width, int height) const {

@@ -154,6 +154,19 @@ void Progress::row(const Row& row, int patches, std::optional<bool> spot, const 
     }
 }
 
+void Progress::warn(const std::string& text) {
+    if (mOutput.isJson()) {
+        mOutput.object(Json().add("event", "warning").add("message", text));
+        return;
+    }
+    clear();
+    if (mPictureLines > 0)
+        std::fprintf(stderr, "\033[%zuA\033[J", mPictureLines);
+    mPictureLines = 0;
+    std::fprintf(stderr, "tablectl: warning: %s\n", text.c_str());
+    drawPicture();
+}
+
 void Progress::tick() {
     if (!mLive)
         return;

@@ -51,6 +51,7 @@ public:
     // `spot`: by spots, where strips were to be tried; nothing when that cannot be told. `readings`: JSON
     // that goes with the event; "": none.
     void row(const Row& row, int patches, std::optional<bool> spot, const std::string& readings);
+    void warn(const std::string& text); // stays, above whatever is redrawn
     void tick();
     void end(const std::string& event, const std::string& text);
 

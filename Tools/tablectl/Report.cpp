@@ -154,6 +154,8 @@ std::string conditionsJson(const ReportContent& content) {
     conditions.insert(conditions.end(), course.begin(), course.end());
     if (!content.failure.empty())
         conditions.emplace_back("Ended early", content.failure);
+    if (!content.misplacement.empty() && content.failure != content.misplacement)
+        conditions.emplace_back("Warning", content.misplacement);
     if (content.device) {
         conditions.emplace_back("Table", content.device->displayName + " " + content.device->serialNumber);
         conditions.emplace_back("Spectrophotometer", content.device->attribute("TaviProSerialNumber"));

@@ -18,8 +18,9 @@ struct ReportContent {
     const std::vector<int>& spotRows; // where strips failed
     bool spotRowsAreKnown;            // false: there may be more of them
     const std::vector<std::string>& warnings;
-    std::string failure;    // "": the scan was whole
-    bool isRunning = false; // there will be another page; this one looks for it
+    std::string failure;      // "": the scan was whole
+    std::string misplacement; // "": the chart lies as the layout says
+    bool isRunning = false;   // there will be another page; this one looks for it
 };
 
 // Writes a self-contained page: the chart as it lies on the table, measured beside reference, with colour

@@ -2,6 +2,7 @@
 
 #include "Errors.h"
 #include "Files.h"
+#include "Fit.h"
 #include "Report.h"
 
 #include <Color/Average.h>
@@ -228,14 +229,25 @@ void Scan::take(const Reply& reply) {
                   mRequest.spotReadings ? std::optional(false) : mLog.wasSpotRead(row.row),
                   wantsReadings ? readingsJson(row, mLayout) : "");
     mRows.push_back(std::move(row));
+    if (mRows.size() == 1)
+        checkPlace(mRows.front());
     reportCourse();
+}
+
+void Scan::checkPlace(const Row& row) {
+    mMisplacement = misplacement(row, mLayout);
+    if (mMisplacement.empty())
+        return;
+    if (mRequest.strict)
+        throw DeviceFailure(mMisplacement);
+    mProgress.warn(mMisplacement);
 }
 
 void Scan::report(bool isRunning) const {
     const ProgressState& state = mProgress.state();
     writeReport(mRequest.reportFile,
                 {mLayout, mTable.session().status(mTable.path()), mRows, mRequest.spotReadings.has_value(),
-                 state.spotRows, state.knowsSpotRows, mLog.warnings(), mFailure, isRunning});
+                 state.spotRows, state.knowsSpotRows, mLog.warnings(), mFailure, mMisplacement, isRunning});
 }
 
 // The report of a scan that goes on. A large chart's takes its time: no more than a tenth of it all.
@@ -397,6 +409,8 @@ void commands::scan(Context& context, const ScanRequest& asked) {
     const Color::ChartLayout layout = readLayout(request.layoutFile, placementOf(request.placement));
     const std::pair<int, int> rows = rowRange(request.rows, layout);
     checkFiles(request, context.options);
+    if (request.strict && !layout.hasSpectra)
+        throw UsageFailure("--strict: " + request.layoutFile + " has no spectra to compare with");
     const Table table = Table::find(context);
     const DeviceLock lock(table);
     applyTimeScale(context, table);
