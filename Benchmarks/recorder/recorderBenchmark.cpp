@@ -73,9 +73,9 @@ int main() {
         return 1;
     }
 
-    const auto* const getOption = past<decltype(Tavi_GetOption)>("Tavi_GetOption");
-    const auto* const setOption = past<decltype(Tavi_SetOption)>("Tavi_SetOption");
-    const auto* const getSpectrum = past<decltype(Tavi_GetSpectrum)>("Tavi_GetSpectrum");
+    auto* const getOption = past<decltype(Tavi_GetOption)>("Tavi_GetOption");
+    auto* const setOption = past<decltype(Tavi_SetOption)>("Tavi_SetOption");
+    auto* const getSpectrum = past<decltype(Tavi_GetSpectrum)>("Tavi_GetSpectrum");
     float spectrum[36];
     bool isWithin =
         show("Tavi_GetOption", median([] { Tavi_GetOption("Beep"); }), median([&] { getOption("Beep"); }));

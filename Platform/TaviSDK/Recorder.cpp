@@ -4,7 +4,9 @@
 // It is preloaded into a process (LD_PRELOAD) that knows nothing of it, with any SDK behind it. Any thread
 // may call, several at once, too.
 #include "Recording.h"
+#pragma GCC visibility push(default) // its functions are all that this library exports
 #include "TaviSDK.h"
+#pragma GCC visibility pop
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -88,16 +90,16 @@ public:
         std::tm parts{};
         std::strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&now, &parts));
         mAbout.date = date.data();
-        const std::string header = formatHeader(mAbout) + "\n";
-        mHeaderLength = header.size();
-        return putLine(header);
+        mLine = formatHeader(mAbout) + "\n";
+        mHeaderLength = mLine.size();
+        return putLine();
     }
 
     bool add(const RecordedEvent& event) {
         mLine.clear();
         appendEvent(mLine, mNumber, event);
         mLine += '\n';
-        return putLine(mLine);
+        return putLine();
     }
 
     // A serial number, once it is known, goes into the header, as long as that has room for it.
@@ -116,18 +118,23 @@ private:
         return mDescriptor >= 0;
     }
 
-    bool putLine(std::string line) {
-        const std::size_t length = line.size();
-        line += formatEnd(mNumber + (mEnd == 0 ? 0 : 1)) + "\n";
-        if (!put(line, mEnd)) {
+    // The header, or the event with the number mNumber, in mLine.
+    bool putLine() {
+        const std::size_t length = mLine.size();
+        const long next = mNumber + (mEnd == 0 ? 0 : 1);
+        appendEnd(mLine, next);
+        mLine += '\n';
+        if (!put(mLine, mEnd)) {
             fail();
             // What is there stays readable.
             if (::ftruncate(mDescriptor, mEnd) == 0 && mEnd > 0) {
-                put(formatEnd(mNumber) + "\n", mEnd);
+                mLine.clear();
+                appendEnd(mLine, mNumber);
+                put(mLine + "\n", mEnd);
             }
             return false;
         }
-        mNumber += mEnd == 0 ? 0 : 1;
+        mNumber = next;
         mEnd += static_cast<off_t>(length);
         return true;
     }

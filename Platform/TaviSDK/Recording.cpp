@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 namespace TaviSDK {
 
@@ -29,15 +31,22 @@ constexpr std::array<CallForm, 13> kForms = {{
     {"Tavi_RegisterDeviceMessageHandler", "t", Outcome::Nothing, 0, true},
 }};
 
-template <typename Number, typename... Format>
-void appendDigits(std::string& json, Number number, Format... format) {
-    std::array<char, 400> digits;
-    const auto [end, error] = std::to_chars(digits.data(), digits.data() + digits.size(), number, format...);
+template <typename Number>
+void appendDigits(std::string& json, Number number) {
+    std::array<char, 32> digits;
+    const auto [end, error] = std::to_chars(digits.data(), digits.data() + digits.size(), number);
     json.append(digits.data(), end);
 }
 
+// To the microsecond; of whole numbers, as it is done for each call that is recorded.
 void appendSeconds(std::string& json, double seconds) {
-    appendDigits(json, seconds, std::chars_format::fixed, 6);
+    constexpr long long kSecond = 1000000;
+    const long long microseconds = std::llround(seconds * static_cast<double>(kSecond));
+    appendDigits(json, microseconds / kSecond);
+    json += '.';
+    const std::size_t begin = json.size();
+    appendDigits(json, kSecond + microseconds % kSecond);
+    json.erase(begin, 1);
 }
 
 void appendEscape(std::string& json, unsigned unit) {
@@ -125,9 +134,12 @@ void appendNumber(std::string& json, int number) {
 }
 
 void seal(std::string& line, std::size_t begin) {
+    static_assert(std::endian::native == std::endian::little, "words are those of the file's format");
     std::uint64_t sum = 0xcbf29ce484222325U;
-    for (const char character : std::string_view(line).substr(begin)) {
-        sum = (sum ^ static_cast<unsigned char>(character)) * 0x100000001b3U;
+    for (std::size_t at = begin; at < line.size(); at += sizeof sum) {
+        std::uint64_t word = 0;
+        std::memcpy(&word, line.data() + at, std::min(sizeof word, line.size() - at));
+        sum = (sum ^ word) * 0x100000001b3U; // each step is one to one: no word can change unnoticed
     }
     std::array<char, 17> digits;
     for (std::size_t index = 16; index-- > 0; sum >>= 4) {
@@ -196,10 +208,12 @@ void appendEvent(std::string& line, long number, const RecordedEvent& event) {
     seal(line, begin);
 }
 
-std::string formatEnd(long number) {
-    std::string line = "{\"n\":" + std::to_string(number) + ",\"end\":true";
-    seal(line);
-    return line;
+void appendEnd(std::string& line, long number) {
+    const std::size_t begin = line.size();
+    line += "{\"n\":";
+    appendDigits(line, number);
+    line += ",\"end\":true";
+    seal(line, begin);
 }
 
 std::string formatRecording(const Recording& recording) {
@@ -209,7 +223,8 @@ std::string formatRecording(const Recording& recording) {
         appendEvent(text, ++number, event);
         text += '\n';
     }
-    return text + formatEnd(number + 1) + "\n";
+    appendEnd(text, number + 1);
+    return text + "\n";
 }
 
 } // namespace TaviSDK

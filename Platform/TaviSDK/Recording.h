@@ -11,7 +11,8 @@
 // count from the first call. Members are in this order and without blanks, so that calls compare as text; the
 // header alone may end with blanks. Floats have the shortest form that reads back to the same float; those
 // that JSON has no numbers for are the texts "nan", "inf" and "-inf". A byte that is no UTF-8 is written as
-// the lone surrogate \udc00 + byte. "sum" is the 64-bit FNV-1a hash of what stands before it on the line.
+// the lone surrogate \udc00 + byte. "sum" is a hash of what stands before it on the line:
+// FNV-1a of 64 bits, taken in little-endian words of 8 bytes, the last of which zeros fill up.
 //
 // Functions may be called from any thread.
 #pragma once
@@ -74,11 +75,11 @@ Recording parseRecording(std::string_view text, const std::string& name);
 
 // The whole file.
 std::string formatRecording(const Recording& recording);
-// Single lines, without their ends. The header has room for serial numbers that come later: its length is the
-// same then, unless they are very long.
+// Single lines, without their ends; two of them append to what stands there. The header has room for serial
+// numbers that come later: its length is the same then, unless they are very long.
 std::string formatHeader(const Recording& recording);
 void appendEvent(std::string& line, long number, const RecordedEvent& event);
-std::string formatEnd(long number);
+void appendEnd(std::string& line, long number);
 
 // Appends one argument or value as it stands in a recording.
 void appendText(std::string& json, const char* text); // null, too

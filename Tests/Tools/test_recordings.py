@@ -2,7 +2,7 @@
 
 Each recording in Tests/Recordings stands beside what tablectl showed and measured then. A driver that asks the instrument
 for something else, or in another order, fails with the recording's line. After a change that is meant to do so,
-RECORD_ANEW=1 makes them again, from the virtual instrument with noise.
+RECORD_ANEW="strips cancelled" makes these again, from the virtual instrument with noise.
 """
 
 import glob
@@ -10,6 +10,7 @@ import json
 import os
 import signal
 import subprocess
+import time
 import unittest
 
 from support import ROOT, Chart, ToolsTest
@@ -24,7 +25,7 @@ SESSIONS = {
     "calibration-fails": ({"Fault": "Tavi_Calibrate:1:6"}, [], 1),
     "exception": ({"Fault": "Tavi_Scan:2:throw"}, [], 1),
     "lift-off": ({"Fault": "Tavi_Scan:2:hang=1"}, [], 1),
-    "cancelled": ({"Fault": "Tavi_Scan:3:hang=1.5"}, [], 128 + signal.SIGINT),
+    "cancelled": ({"Fault": "Tavi_Scan:2:hang=4"}, [], 128 + signal.SIGINT),
 }
 
 
@@ -58,7 +59,11 @@ class RecordingsTest(ToolsTest):
         return shown, measured
 
     def interrupt(self, name):
-        return (lambda scan: scan.send_signal(signal.SIGINT)) if name == "cancelled" else lambda scan: None
+        """What happens when a row arrives: the cancel comes well into the next strip, which lasts 4 seconds."""
+        def cancel(scan):
+            time.sleep(1)
+            scan.send_signal(signal.SIGINT)
+        return cancel if name == "cancelled" else lambda scan: None
 
     def record(self, name):
         """Makes the recording of one session, and writes what came of it beside it."""
@@ -94,7 +99,7 @@ class RecordingsTest(ToolsTest):
 def record_anew():
     with open(CHART, "w") as file:
         file.write(chart().text())
-    for name in SESSIONS:
+    for name in os.environ["RECORD_ANEW"].split():
         test = RecordingsTest()
         test.setUp()
         try:

@@ -1,4 +1,4 @@
-// The exact calls that the driver makes of the SDK, in order.
+// The exact calls that the driver makes of the SDK, in order. Whole sessions are in Tests/Recordings.
 
 #include "DriverBench.h"
 
@@ -73,35 +73,6 @@ TEST_F(Sequence, StripRow) {
     ASSERT_EQ(measure(chart).size(), 1U);
     EXPECT_THAT(take(), ElementsAreArray(kBegin + timing("493", "200") + strip("493", false, "40,30,60,30") +
                                          sample(0) + sample(1) + sample(2) + kFormat + kPark));
-}
-
-TEST_F(Sequence, SecondRowRunsBackwards) {
-    const ChartOnTable chart{.rows = 2, .columns = 2};
-    place(chart);
-    ASSERT_EQ(measure(chart).size(), 2U);
-    EXPECT_THAT(take(), ElementsAreArray(kBegin + timing("493", "200") + strip("493", false, "40,30,50,30") +
-                                         sample(0) + sample(1) + kFormat + timing("493", "200") +
-                                         strip("493", false, "50,40,40,40") + sample(0) + sample(1) +
-                                         kFormat + kPark));
-}
-
-TEST_F(Sequence, SpotRowAfterFourStrips) {
-    const ChartOnTable chart{.rows = 1, .columns = 2};
-    place(chart);
-    calls.interfere([](int, const TaviSDK::Call& call) -> std::optional<int> {
-        return call.name == "Tavi_GetNumberOfAvailableSamples" && TaviSDK::simulation().noise == 0 &&
-                       std::string(Tavi_GetOption("MeasurementMode")) == "ScanningReflectance"
-                   ? std::optional<int>(1)
-                   : std::nullopt;
-    });
-    ASSERT_EQ(measure(chart).size(), 1U);
-    Calls seen = take();
-    std::erase(seen, "Tavi_GetOption MeasurementMode"); // the interference's own
-    EXPECT_THAT(seen,
-                ElementsAreArray(kBegin + timing("493", "200") + strip("493", false, "40,30,50,30") +
-                                 strip("493", true, "50,30,40,30") + strip("455", false, "40,30,50,30") +
-                                 strip("455", true, "50,30,40,30") + kToSpots + spot("40,30") +
-                                 spot("50,30") + kFormat + kPark));
 }
 
 TEST_F(Sequence, EveryPatchBySpotsWhereAskedFor) {
