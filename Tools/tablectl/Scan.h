@@ -90,8 +90,8 @@ private:
     bool mMoved = false;               // the head is no longer where the scan found it
     bool mLowResolutionIsOurs = false; // and was off before
     std::vector<Row> mRows;            // those that were kept, and those that were read
-    std::string mMisplacement; // what makes it doubtful that the chart lies as the layout says
-    bool mIsReported = false;  // the report's page is there
+    std::string mMisplacement;         // what makes it doubtful that the chart lies as the layout says
+    bool mIsReported = false;          // the report's page is there
     std::chrono::steady_clock::time_point mNextReport{}; // not before that
 };
 
