@@ -77,15 +77,19 @@ TEST(PluginLog, KnowsRowsReadBySpotsFromNowOn) {
     const std::filesystem::path file =
         std::filesystem::temp_directory_path() / ("plugin-log-" + std::to_string(getpid()));
     std::ofstream stream(file);
-    stream << "old [X] - advancedMeasure - measuring row 7...\nError scanning, trying to scan using spot\n"
-           << std::flush;
+    const std::string worker = "2026-01-02 03:04:05.678 INFO [1:2] ";
+    const std::string row = worker + "TaviIODeviceService::advancedMeasure - measuring row ";
+    const std::string spots = worker + "Error scanning, trying to scan using spot\n";
+    stream << row + "7...\n" + spots << std::flush;
     PluginLog log(file);
-    stream << "TaviIODeviceService::advancedMeasure - measuring row 0...\n"
-              "2026-01-02 03:04:05.678 ERROR [1:2] text\n"
-              "TaviIODeviceService::advancedMeasure - meas"
-           << std::flush;
+    // Another client's command, which the main thread writes about, is none of the scan's words.
+    stream << row + "0...\n"
+           << "2026-01-02 03:04:05.678 ERROR [1:2] text\n"
+           << "2026-01-02 03:04:05.678 ERROR [1:1] [1:2] Error scanning, trying to scan using spot\n"
+           << "2026-01-02 03:04:05.678 INFO [1:2] name: Error scanning, trying to scan using spot\n"
+           << row.substr(0, 60) << std::flush;
     log.update();
-    stream << "uring row 12...\nError scanning, trying to scan using spot\n" << std::flush;
+    stream << row.substr(60) + "12...\n" + spots << std::flush;
     log.update();
     EXPECT_EQ(log.wasSpotRead(0), false);
     EXPECT_EQ(log.wasSpotRead(7), std::nullopt) << "nothing was read of it";

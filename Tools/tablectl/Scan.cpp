@@ -132,7 +132,8 @@ Scan::Scan(Context& context, const Table& table, const ScanRequest& request, con
       mPlan(std::move(plan)),
       mProgress(context.output, static_cast<int>(mPlan.rows.size()) * request.repeat,
                 patchesInRows(layout, mPlan.rows) * request.repeat),
-      mLog(std::filesystem::path(VellService::logFolderPath()) / table.status().attribute("DeviceLogName")),
+      mLog(std::filesystem::path(VellService::logFolderPath()) /
+           std::filesystem::path(table.status().attribute("DeviceLogName")).filename()),
       mRows(mPlan.kept) {}
 
 void Scan::run() {
