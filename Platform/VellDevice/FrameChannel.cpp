@@ -114,18 +114,27 @@ void FrameChannel::send(const Frame& frame) {
     if (!frame)
         return;
     const Base::Lock lock(mMutex);
+    if (enqueue(frame) && mSource)
+        writeWaiting();
+}
+
+void FrameChannel::sendWithNext(const Frame& frame) {
+    const Base::Lock lock(mMutex);
+    enqueue(frame);
+}
+
+bool FrameChannel::enqueue(const Frame& frame) {
     if (mGivenUp)
-        return;
+        return false;
     if (mWaitingBytes + frame->size() > kMaximumWaiting) {
         VellLogWarning("[FrameChannel] - %s does not read, connection closed\n", mPeer.c_str());
         giveUp();
-        return;
+        return false;
     }
     mWaiting.push_back(frame);
     mHasWaiting = true;
     mWaitingBytes += frame->size();
-    if (mSource)
-        writeWaiting();
+    return true;
 }
 
 bool FrameChannel::flush() {

@@ -43,6 +43,8 @@ public:
     void close();
 
     void send(const Frame& frame);
+    // Leaves with the next frame that is sent, or with the next flush.
+    void sendWithNext(const Frame& frame);
     // Writes what the socket takes now; true when nothing waits any more.
     bool flush();
     // The peer sees the end of the stream, and so does the loop.
@@ -54,6 +56,7 @@ private:
     void deliverNext();
     void enqueueDelivery();
     void end();
+    bool enqueue(const Frame& frame) REQUIRES(mMutex);
     void writeWaiting() REQUIRES(mMutex);
     void giveUp() REQUIRES(mMutex);
 

@@ -193,7 +193,9 @@ bool Server::receive(std::string_view payload, const Sender& sender) {
 
 void Server::setServed(ConnectionIdentifier client) {
     const Base::Lock lock(mMutex);
-    mServed = client;
+    const auto before = mClients.find(std::exchange(mServed, client));
+    if (before != mClients.end())
+        before->second.channel->flush();
 }
 
 void Server::remove(ConnectionIdentifier client) {
@@ -232,9 +234,13 @@ void Server::publish(const Frame& status) {
     if (isForAll)
         mPublishedToAll = now;
     mPublished = status;
-    for (const auto& [identifier, client] : mClients)
-        if (isForAll || identifier == mServed)
+    for (const auto& [identifier, client] : mClients) {
+        // The served client gets its answer next, and what says nothing new can leave with it.
+        if (identifier == mServed && !isNews)
+            client.channel->sendWithNext(status);
+        else if (isForAll || identifier == mServed)
             client.channel->send(status);
+    }
 }
 
 void Server::forgetPublished() {

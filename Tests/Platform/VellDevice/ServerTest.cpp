@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <list>
@@ -109,6 +110,38 @@ TEST_F(ServerTest, StatusThatSaysNothingNewIsForTheOneWhoAsks) {
     EXPECT_TRUE(idleHears("b"));
     VellDevicePostStatus(device()); // for nobody in particular
     EXPECT_TRUE(idleHears("b"));
+}
+
+TEST_F(ServerTest, StatusThatSaysNothingNewWaitsForTheAnswerAndNoLonger) {
+    VellDevicePostStatus(device());
+    FrameClient client = connect();
+    ASSERT_TRUE(client.receive());
+    const auto isThere = [&] {
+        pollfd descriptor{client.descriptor(), POLLIN, 0};
+        return poll(&descriptor, 1, 0) == 1;
+    };
+    bool leftAtOnce = false;
+    onCommand = [&](VellDeviceCommandRef command) {
+        if (nameOf(command) == "SetMode")
+            VellDeviceSetMode(device(), constant("other"));
+        VellDevicePostStatus(device());
+        leftAtOnce = isThere();
+        if (nameOf(command) != "Silent")
+            respond(command, 0);
+    };
+    const auto nextAre = [&](const std::vector<std::string>& types) {
+        return std::all_of(types.begin(), types.end(),
+                           [&](const std::string& type) { return client.receive()->text("Type") == type; });
+    };
+    client.sendCommand("SetMode", "1");
+    EXPECT_TRUE(nextAre({"Status", "Response"}));
+    EXPECT_TRUE(leftAtOnce);
+    client.sendCommand("Quit", "2");
+    EXPECT_TRUE(nextAre({"Status", "Response"}));
+    EXPECT_FALSE(leftAtOnce);
+    client.sendCommand("Silent", "3");
+    EXPECT_TRUE(nextAre({"Status"}));
+    EXPECT_FALSE(leftAtOnce);
 }
 
 TEST_F(ServerTest, ResponseToAnOwnCommandGoesToEveryClientAndOnlyOnce) {
