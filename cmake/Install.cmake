@@ -8,15 +8,26 @@ set(TAVI_INSTALL_DOCDIR ${CMAKE_INSTALL_DATADIR}/doc/tavi-io)
 set(TAVI_INSTALL_PYTHONDIR lib/python3/dist-packages)
 set(TAVI_INSTALL_BUNDLEDIR lib/TaviIO.bundle/Contents) # where the programs look for it, beside their own folder
 
-# From a folder below the prefix to the libraries, as a loader's search path.
-function(tavi_library_path variable folder)
-    cmake_path(ABSOLUTE_PATH folder BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX} OUTPUT_VARIABLE from)
-    set(path ${CMAKE_INSTALL_FULL_LIBDIR})
-    cmake_path(RELATIVE_PATH path BASE_DIRECTORY ${from})
-    set(${variable} $ORIGIN/${path} PARENT_SCOPE)
+# A loader's search path, to the libraries from where a file is: `built` in the build tree, `folder` below the prefix.
+function(tavi_library_path variable built folder)
+    cmake_path(ABSOLUTE_PATH folder BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX} OUTPUT_VARIABLE installed)
+    set(search "")
+    foreach(way ${built}|${CMAKE_LIBRARY_OUTPUT_DIRECTORY} ${installed}|${CMAKE_INSTALL_FULL_LIBDIR})
+        string(REPLACE "|" ";" way ${way})
+        list(GET way 0 from)
+        list(GET way 1 to)
+        cmake_path(RELATIVE_PATH to BASE_DIRECTORY ${from})
+        string(REGEX REPLACE "/$" "" to ${to})
+        list(APPEND search $ORIGIN/${to})
+    endforeach()
+    list(REMOVE_DUPLICATES search)
+    set(${variable} "${search}" PARENT_SCOPE)
 endfunction()
 
-tavi_library_path(CMAKE_INSTALL_RPATH ${CMAKE_INSTALL_BINDIR})
+# One path for both trees. Of its own accord CMake leaves an empty entry in the build tree's, and a loader takes that
+# for the current folder.
+set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
+tavi_library_path(CMAKE_INSTALL_RPATH ${CMAKE_RUNTIME_OUTPUT_DIRECTORY} ${CMAKE_INSTALL_BINDIR})
 
 # A library of the platform that clients and plug-ins link, with those of its headers that are for them.
 #   tavi_install_library(TARGET NAME name-for-clients HEADERS a.h ...)

@@ -1,6 +1,8 @@
 """What the README says about installing is so, and an installed tree works wherever it has been moved to."""
 
 import os
+import re
+import shutil
 import subprocess
 import unittest
 
@@ -31,6 +33,37 @@ class InstallTest(ToolsTest):
         with open(f"/proc/{process}/maps") as maps:
             files = {line.split(maxsplit=5)[5].rstrip("\n") for line in maps if "/" in line}
         return {file for file in files if file.startswith((BUILD, self.folder))} - {os.environ["FAST_SLEEP"]}
+
+    def elf_files(self, folder):
+        for parent, _, names in os.walk(folder):
+            for path in (os.path.join(parent, name) for name in names):
+                if not os.path.islink(path):
+                    with open(path, "rb") as file:
+                        if file.read(4) == b"\x7fELF":
+                            yield path
+
+    def test_files_are_searched_for_beside_the_program_only(self):
+        installed = list(self.elf_files(self.prefix))
+        names = set(map(os.path.basename, installed))
+        self.assertIn("tablectl", names)
+        built = [file for file in self.elf_files(BUILD) if os.path.basename(file) in names]
+        self.assertGreaterEqual(len(built), len(installed))
+        for file in built + installed:
+            dynamic = subprocess.check_output(["readelf", "-dW", file], text=True, stderr=subprocess.DEVNULL)
+            for path in re.findall(r"\((?:RUNPATH|RPATH)\).*\[(.*)\]", dynamic):
+                self.assertRegex(path, r"^\$ORIGIN(/[^:]*)?(:\$ORIGIN(/[^:]*)?)*$", file)
+
+    @unittest.skipIf(not shutil.which("systemd-analyze"), "systemd-analyze is not installed")
+    def test_the_unit_is_right_and_closed(self):
+        unit = self.path("vell-service.service")
+        with open(os.path.join(self.prefix, "lib/systemd/user/vell-service.service")) as installed, \
+                open(unit, "w") as moved:
+            moved.write(re.sub("(?m)^ExecStart=.*$", f"ExecStart={self.programs}/vell-service", installed.read()))
+        verified = subprocess.run(["systemd-analyze", "--user", "verify", unit], capture_output=True, text=True,
+                                  env=self.environment | {"XDG_RUNTIME_DIR": self.folder})
+        self.assertEqual((verified.returncode, verified.stderr), (0, ""))
+        subprocess.run(["systemd-analyze", "security", "--offline=yes", "--threshold=29", unit], check=True,
+                       stdout=subprocess.DEVNULL)
 
     def test_a_client_is_built_and_served(self):
         service = self.start_service()
