@@ -1,7 +1,7 @@
 # The Debian packages that the project needs, for the scripts at the root; sourced, not run.
 
-packages_to_build="g++ cmake ninja-build pkg-config libplist-dev libcli11-dev"
-packages_to_test="libgtest-dev libgmock-dev libopenblas-dev python3"
+packages_to_build="g++ cmake ninja-build pkg-config libplist-dev libcli11-dev libxml2-dev"
+packages_to_test="libgtest-dev libgmock-dev libopenblas-dev liblcms2-dev python3"
 packages_to_fuzz="clang libclang-rt-dev"
 packages_to_measure="libbenchmark-dev libeigen3-dev libopenblas-dev libuv1-dev"
 # Without them the tests of report, package and types are skipped.

@@ -26,7 +26,7 @@ _tablectl_ask() {
 
 _tablectl() {
     local commands="list status commands get set mode calibrate move position home cancel reset send lock scan spot"
-    commands+=" align simulate recording"
+    commands+=" align average compare report convert simulate recording"
     local options="--help --version --runtime-dir --device --json --simulated --noise --replayed --record"
     local words current previous command="" skip="" word
     local folder=() device=() # what the line itself says of them
@@ -54,7 +54,7 @@ _tablectl() {
 
     case "$previous" in
         --runtime-dir) mapfile -t COMPREPLY < <(compgen -d -- "$current"); return ;;
-        --simulated | --replayed | --record | --output | --report | --chart | --recording | --placement | --resume)
+        --simulated | --replayed | --record | --output | --report | --chart | --recording | --placement | --resume | --reference)
             mapfile -t COMPREPLY < <(compgen -f -- "$current")
             return
             ;;
@@ -74,13 +74,17 @@ _tablectl() {
             ;;
         spot) options+=" --count --time-scale" ;;
         align) options+=" --grid --corners --placement --output --time-scale" ;;
+        average) options+=" --output" ;;
+        compare) options+=" --limit --report" ;;
+        report) options+=" --reference --output" ;;
+        convert) options+=" --output" ;;
         simulate)
             options+=" --attach --detach --serial --identifier --chart --recording --time-scale --noise --fault --table"
             options+=" --spectrophotometer --press"
             ;;
         recording) options+=" --anonymous" ;;
     esac
-    if [[ "$command" =~ ^(scan|align|recording)$ && "$current" != -* ]]; then
+    if [[ "$command" =~ ^(scan|align|average|compare|report|convert|recording)$ && "$current" != -* ]]; then
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
     elif [[ "$current" == -* ]]; then
         _tablectl_offer < <(tr ' ' '\n' <<<"$options")

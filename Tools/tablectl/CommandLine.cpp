@@ -78,6 +78,7 @@ public:
         addControl();
         addScan();
         addPlaces();
+        addFiles();
         addSimulate();
         addRecording();
     }
@@ -97,6 +98,7 @@ private:
     void addControl();
     void addScan();
     void addPlaces();
+    void addFiles();
     void addTimeScale(CLI::App& command);
     void addPlacement(CLI::App& command, PlacementRequest& placement);
     void addSimulate();
@@ -282,6 +284,56 @@ void Grammar::addPlaces() {
                     "The placement, for scan --placement (default: standard output)")
         ->type_name("FILE");
     addTimeScale(align);
+}
+
+// Those that take measurement files and need no device.
+void Grammar::addFiles() {
+    const auto take = [](CLI::App& command, const std::string& name, std::string& file,
+                         const std::string& text) {
+        command.add_option(name, file, text)->type_name(name.starts_with("--") ? "FILE" : "")->required();
+    };
+    struct Average {
+        std::vector<std::string> files;
+        std::string output;
+    };
+    const auto average = std::make_shared<Average>();
+    CLI::App& averageCommand =
+        add("average", "Writes the mean of several measurements of one chart",
+            [average](Context& context) { commands::average(context, average->files, average->output); });
+    averageCommand.add_option("FILE", average->files, "The measurements")->type_name("")->required();
+    take(averageCommand, "--output", average->output, "Their mean: one line for each patch");
+
+    const auto comparison = std::make_shared<CompareRequest>();
+    CLI::App& compare = add("compare", "Tells by how much two measurements differ (CIEDE2000)",
+                            [comparison](Context& context) { commands::compare(context, *comparison); });
+    take(compare, "A", comparison->first, "A measurement, or any file with CIELAB or spectra");
+    take(compare, "B", comparison->second, "Another one; patches of one SAMPLE_ID are compared");
+    compare.add_option("--limit", comparison->limit, "Exit status 1 when mean or maximum are greater")
+        ->type_name("MEAN,MAX");
+    compare.add_option("--report", comparison->reportFile, "A page that shows B beside A")->type_name("FILE");
+
+    struct Files {
+        std::string measurement;
+        std::string reference;
+        std::string output;
+    };
+    const auto report = std::make_shared<Files>();
+    CLI::App& reportCommand = add("report", "Makes the page of a measurement", [report](Context& context) {
+        commands::report(context, report->measurement, report->reference, report->output);
+    });
+    take(reportCommand, "MEASUREMENT", report->measurement, "The measurement");
+    reportCommand
+        .add_option("--reference", report->reference, "The layout whose spectra it is compared with")
+        ->type_name("FILE");
+    take(reportCommand, "--output", report->output, "The page");
+
+    const auto conversion = std::make_shared<Files>();
+    CLI::App& convert =
+        add("convert", "Writes a measurement in another form", [conversion](Context& context) {
+            commands::convert(context, conversion->measurement, conversion->output);
+        });
+    take(convert, "MEASUREMENT", conversion->measurement, "The measurement");
+    take(convert, "--output", conversion->output, "A name that ends in .cxf (CxF3), .csv or .txt (CGATS)");
 }
 
 void Grammar::addSimulate() {

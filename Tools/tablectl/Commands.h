@@ -40,6 +40,13 @@ struct AlignRequest {
     std::string outputFile;     // "": to standard output
 };
 
+struct CompareRequest {
+    std::string first;
+    std::string second;
+    std::string limit;      // MEAN,MAX of CIEDE2000; "": none
+    std::string reportFile; // "": none
+};
+
 // What is to change of a virtual instrument.
 struct SimulationChanges {
     std::string attach; // the path of a new table; "": an attached one is changed
@@ -79,6 +86,13 @@ void lock(Context& context, double seconds);
 // Align.cpp and Spot.cpp
 void align(Context& context, const AlignRequest& request);
 void spot(Context& context, const Color::Point& place, int count);
+
+// Average.cpp, Compare.cpp and Convert.cpp: those that need no device
+void average(Context& context, const std::vector<std::string>& names, const std::string& outputFile);
+void compare(Context& context, const CompareRequest& request);
+void report(Context& context, const std::string& file, const std::string& reference,
+            const std::string& output);
+void convert(Context& context, const std::string& file, const std::string& output);
 
 // Scan.cpp and SimulateCommand.cpp
 void scan(Context& context, const ScanRequest& request);

@@ -230,8 +230,8 @@ void Scan::take(const Reply& reply) {
                   mRequest.spotReadings ? std::optional(false) : mLog.wasSpotRead(row.row),
                   wantsReadings ? readingsJson(row, mLayout) : "");
     mRows.push_back(std::move(row));
-    if (mRows.size() == 1)
-        checkPlace(mRows.front());
+    if (mRows.size() == mPlan.kept.size() + 1)
+        checkPlace(mRows.back());
     reportCourse();
 }
 
