@@ -93,8 +93,9 @@ class InstallTest(ToolsTest):
 
     def test_it_measures_the_chart_that_comes_with_it(self):
         chart = os.path.join(self.documentation, "Examples", "print-target.txt")
-        self.tablectl("--simulated", chart, "scan", chart, "--rows", "0", "--time-scale", "0",
-                      "--output", self.path("out.txt"))
+        self.tablectl("--simulated", chart, "--record", self.path("session.jsonl"), "scan", chart, "--rows", "0",
+                      "--time-scale", "0", "--output", self.path("out.txt"))
+        self.assertIn("Rows: 1, ", self.tablectl("recording", self.path("session.jsonl"))[0])
         self.assertEqual(len(read_measurements(self.path("out.txt"))), 21)
 
     def test_the_python_package_finds_the_programs_beside_it(self):
