@@ -294,7 +294,7 @@ class HostTest(ToolsTest):
     def test_it_drives_the_loop_of_a_plugin_that_does_not(self):
         self.environment["TAVI_TABLE"] = file = self.attach("usb:table")
         host = self.start("vell-plugin-host", "usb:table", self.BUNDLE, "-norunloop")
-        self.assertEqual(self.connect().call("Calibrate")["Code"], 0)
+        self.assertEqual(self.connect().send("Calibrate").code, 0)
         os.remove(file)
         self.assertEqual(host.wait(60), 0)
         self.assertEqual(self.sockets(), [])
