@@ -314,6 +314,15 @@ class ToolsTest(unittest.TestCase):
         os.rename(unfinished, file)
         return file
 
+    def libraries(self):
+        """A folder like the programs' lib, for copies of them, which search their libraries beside themselves."""
+        theirs, ours = os.path.join(os.path.dirname(BIN), "lib"), self.path("lib")
+        os.mkdir(ours)
+        for name in os.listdir(theirs):
+            if ".so" in name:
+                os.symlink(os.path.join(theirs, name), os.path.join(ours, name))
+        return ours
+
     def write_chart(self, chart, name="chart.txt"):
         with open(self.path(name), "w") as file:
             file.write(chart.text())

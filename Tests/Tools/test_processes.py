@@ -83,7 +83,7 @@ class ProcessesTest(ToolsTest):
     def setUp(self):
         super().setUp()
         own = os.path.basename(self.folder).removeprefix("tools-test-")
-        self.bundle = self.path("Own.bundle")
+        self.bundle = os.path.join(self.libraries(), "Own.bundle")
         shutil.copytree(os.path.join(os.path.dirname(BIN), "lib", "TaviIO.bundle"), self.bundle)
         properties = os.path.join(self.bundle, "Contents", "Info.plist")
         with open(properties, "rb") as file:

@@ -149,6 +149,7 @@ class ServiceTest(ToolsTest):
     def test_a_plugin_that_cannot_be_started_is_tried_again(self):
         programs = self.path("bin")
         os.mkdir(programs)
+        self.libraries()
         shutil.copy(os.path.join(BIN, "vell-service"), programs)  # and not the program that runs a plug-in
         self.start_service("--restart-pause", "0.02", "--bundle", HostTest.BUNDLE,
                            program=os.path.join(programs, "vell-service"))
