@@ -97,8 +97,8 @@ TEST(PluginLog, KnowsRowsReadBySpotsFromNowOn) {
     EXPECT_THAT(log.warnings(), testing::ElementsAre(HasSubstr("text")));
     const std::filesystem::path aside = file.string() + ".1"; // it has become too long
     std::filesystem::rename(file, aside);
-    stream << "advancedMeasure - measuring row 13...\n" << std::flush;
-    std::ofstream(file) << "Error scanning, trying to scan using spot\n";
+    stream << row + "13...\n" << std::flush;
+    std::ofstream(file) << spots;
     log.update();
     EXPECT_EQ(log.wasSpotRead(13), true);
     std::filesystem::remove(aside);

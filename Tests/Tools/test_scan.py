@@ -300,14 +300,14 @@ class InterruptedScanTest(ToolsTest):
 class MisplacedChartTest(ToolsTest):
     """A chart that does not lie as its layout says is noticed with the first row."""
 
-    def scan(self, chart, place, *options, status=0):
+    def scan(self, chart, place, *options, time_scale="0", status=0):
         """Scans a chart on which the cells hold what the layout has at another place."""
         printed = Chart(chart.rows, chart.columns)
         for cell in printed.spectra:
             printed.spectra[cell] = chart.spectra.get(place(*cell), [0.9] * 36)
         layout = self.write_chart(chart)
         return self.tablectl("--simulated", self.write_chart(printed, "printed.txt"), "scan", layout, "--time-scale",
-                             "0", "--output", self.path("out.txt"), *options, status=status)
+                             time_scale, "--output", self.path("out.txt"), *options, status=status)
 
     def test_what_fits_better_is_told(self):
         chart = Chart(6, 6)
@@ -333,7 +333,7 @@ class MisplacedChartTest(ToolsTest):
 
     def test_strictly_it_is_an_error(self):
         output, error = self.scan(Chart(6, 6), lambda row, column: (5 - row, 5 - column), "--strict", "--report",
-                                  self.path("report.html"), status=1)
+                                  self.path("report.html"), time_scale="1", status=1)
         self.assertIn("tablectl: the chart does not lie as the layout says", error)
         self.assertLess(len(read_measurements(self.path("out.txt"))), 36)
 
