@@ -145,16 +145,16 @@ private:
     }
 
     void writeMeasured(const Color::Reading& reading) {
-        const Attributes specification{{"ColorSpecification", kSpecification}};
+        const Attributes specified{{"ColorSpecification", kSpecification}};
         if (mData.hasSpectra)
             mXml.element("ReflectanceSpectrum",
-                         {specification[0], {"StartWL", std::to_string(Color::kFirstWavelength)}}, [&] {
+                         {specified[0], {"StartWL", std::to_string(Color::kFirstWavelength)}}, [&] {
                              std::string values;
                              for (const float value : reading.spectrum)
                                  values += (values.empty() ? "" : " ") + numberText(value);
                              mXml.write(values);
                          });
-        mXml.element("ColorCIELab", specification, [&] {
+        mXml.element("ColorCIELab", specified, [&] {
             mXml.element("L", numberText(reading.lab[0]));
             mXml.element("A", numberText(reading.lab[1]));
             mXml.element("B", numberText(reading.lab[2]));
