@@ -503,7 +503,13 @@ int CgatsReader::integerField(const std::string& text) const {
 
 std::optional<int> wavelengthOf(std::string_view field) {
     std::string name = folded(field);
-    for (const std::string_view prefix : {"SPECTRAL", "SPEC", "R", "NM"}) {
+    constexpr std::string_view kSpectral = "SPECTRAL"; // or its first letters, four at least
+    constexpr std::ptrdiff_t kLeastLetters = 4;
+    const auto [end, rest] = std::mismatch(name.begin(), name.end(), kSpectral.begin(), kSpectral.end());
+    if (end - name.begin() >= kLeastLetters) {
+        name.erase(name.begin(), end);
+    }
+    for (const std::string_view prefix : {"R", "NM"}) {
         if (name.starts_with(prefix)) {
             name.erase(0, prefix.size());
         }

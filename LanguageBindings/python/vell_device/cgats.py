@@ -16,7 +16,7 @@ from .errors import FileError
 LARGEST_FILE = 64 << 20  # bytes
 
 _TOKEN = re.compile(r'[ \t\r]*(?:(#.*)|"((?:[^"]|"")*)"(?=[ \t\r]|$)|([^" \t\r#][^ \t\r]*))')
-_WAVELENGTH = re.compile(r"(?:SPECTRAL|SPEC|R)?_?(?:NM)?_?(\d{3,4})(?:NM)?")
+_WAVELENGTH = re.compile(r"(?:SPECT?R?A?L?|R)?_?(?:NM)?_?(\d{3,4})(?:NM)?")
 _MEASURED = re.compile(r"(?:LAB|LCH|LUV|XYZ|XYY|D|STDEV|SPECTRAL)_.*|MEAN_DE|CHI_SQD_PAR")
 
 SPECTRAL_FIELDS = [f"SPECTRAL_NM{wavelength}" for wavelength in WAVELENGTHS]
