@@ -24,7 +24,7 @@ class DocumentationTest(ToolsTest):
         manual = self.read("Tools", "data", "tablectl.1").replace("Fl -", "--")
         completion = self.read("Tools", "data", "tablectl.bash")
         usage = self.tablectl("--help")[0]
-        commands = re.findall(r"^  (\w+)  ", usage[usage.index("Commands:"):], re.M)
+        commands = re.findall(r"^  (\w+)  ", usage[usage.index("Look:"):], re.M)
         self.assertGreater(len(commands), 10)
         for command in commands:
             self.assertRegex(manual, rf"\.It Cm {command}\b")

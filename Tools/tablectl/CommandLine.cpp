@@ -12,7 +12,9 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <memory>
+#include <stdexcept>
 #include <string_view>
 
 namespace tablectl {
@@ -63,6 +65,22 @@ bool isFault(const std::string& text) {
 
 const CLI::Validator kFault = makeCheck(isFault, "not CALL:N:STATUS, CALL:N:throw or CALL:N:hang=SECONDS");
 
+// Under what heading the help lists a command.
+std::string groupOf(const std::string& command) {
+    static const std::map<std::string, std::vector<std::string>> kGroups = {
+        {"Look", {"list", "status", "commands", "get", "position"}},
+        {"Set", {"set", "mode", "send", "lock"}},
+        {"Move", {"move", "home", "cancel", "reset", "align"}},
+        {"Measure", {"calibrate", "scan", "spot"}},
+        {"Files", {"average", "compare", "report", "convert", "recording"}},
+        {"Virtual instrument", {"simulate"}}};
+    for (const auto& [group, commands] : kGroups) {
+        if (std::find(commands.begin(), commands.end(), command) != commands.end())
+            return group;
+    }
+    throw std::logic_error("no heading for " + command);
+}
+
 // The parser, and where it puts what it finds. What a command line gives for a command lives as long as the
 // command, which holds it.
 class Grammar {
@@ -88,7 +106,7 @@ public:
 private:
     template <class Action>
     CLI::App& add(const std::string& name, const std::string& description, Action action) {
-        CLI::App* command = mApp.add_subcommand(name, description)->group("Commands");
+        CLI::App* command = mApp.add_subcommand(name, description)->group(groupOf(name));
         command->callback([this, action] { mLine.command = action; });
         return *command;
     }
