@@ -1,6 +1,7 @@
 """Layouts, measurements and colorimetry of the Python package, against the files and the figures of tablectl."""
 
 import json
+import os
 import random
 import re
 import struct
@@ -10,6 +11,7 @@ import vell_device as vell
 from package import PackageTest
 from support import Chart
 from vell_device import cgats, colorimetry
+from vell_device.procedures import SpotLog
 
 LAYOUT = '''CGATS.17\r
 ORIGINATOR "a ""maker"" of charts"
@@ -126,6 +128,33 @@ class ColorTest(PackageTest):
                                           ((60.2574, -34.0099, 36.2677), (60.4626, -34.1751, 39.4387), 1.2644)):
             for pair in ((first, second), (second, first)):
                 self.assertAlmostEqual(colorimetry.delta_e_2000(*(vell.Lab(*lab) for lab in pair)), difference, places=4)
+
+
+class SpotLogTest(PackageTest):
+    def test_only_the_workers_words_count(self):
+        """The main thread's lines may quote any client's command."""
+        def line(thread, text):
+            return f"2026-01-02 03:04:05.678 INFO [1:{thread}] {text}\n"
+
+        row = "TaviIODeviceService::advancedMeasure - measuring row %d..."
+        by_spots = "Error scanning, trying to scan using spot"
+        path = self.path("1.log")
+        with open(path, "w") as file:
+            file.write(line(2, row % 0) + line(2, by_spots))
+        log = SpotLog(self.folder, "elsewhere/1.log")
+        with open(path, "a") as file:
+            file.write(line(2, row % 1) + line(1, by_spots) + line(2, row % 2) + line(1, "[1:2] " + by_spots)
+                       + line(2, row % 3) + line(2, by_spots) + line(2, row % 4))
+            file.flush()
+            self.assertEqual([log.was_read_by_spots(index) for index in range(5)], [None, False, False, True, False])
+            os.rename(path, path + ".1")
+            with open(path, "w") as following:
+                following.write(line(2, by_spots))
+            self.assertTrue(log.was_read_by_spots(4))
+        log.close()
+        os.remove(path)
+        os.mkfifo(path)
+        self.assertIsNone(SpotLog(self.folder, "1.log").was_read_by_spots(0))
 
 
 if __name__ == "__main__":

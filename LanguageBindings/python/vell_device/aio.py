@@ -399,7 +399,7 @@ class Table(Described):
     # --- How it is done
 
     async def _rows(self, request: ScanRequest, reporter: Reporter) -> AsyncGenerator[Row, None]:
-        spot_log = SpotLog(os.path.join(log_folder(self.service.runtime_dir), self.attributes.get("DeviceLogName", "")))
+        spot_log = SpotLog(log_folder(self.service.runtime_dir), self.attributes.get("DeviceLogName", ""))
         procedure = Scan(request, lambda: self.record, spot_log).run()
         exchanges: List[Exchange] = []
         has_ended = asyncio.Event()
@@ -424,6 +424,7 @@ class Table(Described):
             return
         finally:
             _close_all(exchanges)
+            spot_log.close()
             self._running.discard(has_ended)
             has_ended.set()
 

@@ -6,9 +6,11 @@ and sends back what came of it, or throws what went wrong; a `Row` among the ste
 from __future__ import annotations
 
 import os
+import re
+import stat
 import time
 from dataclasses import dataclass
-from typing import Any, Callable, Dict, Generator, Mapping, NamedTuple, Optional, Sequence, Tuple, TypeVar, Union
+from typing import Any, BinaryIO, Callable, Dict, Generator, Mapping, NamedTuple, Optional, Sequence, Tuple, TypeVar, Union
 
 from . import cgats
 from .charts import Layout, Patch, Reading, Row
@@ -74,40 +76,70 @@ def call(command: Send, record: Callable[[], Record], seconds: Optional[float] =
     return response
 
 
-class SpotLog:
-    """What a plug-in's log says of rows that had to be read patch by patch: responses do not tell."""
+# "DATE LEVEL [PROCESS:THREAD] TEXT". The main thread's lines quote what any client has sent; a worker's do not.
+_WORKERS_LINE = re.compile(rb".{24}[A-Z]+ \[(\d+):(?!\1\])\d+\] (.*)")
+_MEASURING_ROW = re.compile(rb"TaviIODeviceService::advancedMeasure - measuring row (\d+)\.")
+_BY_SPOTS = b"Error scanning, trying to scan using spot"
 
-    def __init__(self, path: str) -> None:
-        self._path = path
+
+class SpotLog:
+    """What a plug-in's log says of rows that had to be read patch by patch: responses do not tell.
+
+    The log is followed from its end on, also when the plug-in puts a full file aside. What is no regular file is no
+    log."""
+
+    def __init__(self, folder: str, name: str) -> None:
+        self._path = os.path.join(folder, os.path.basename(name))
         self._rows: Dict[int, bool] = {}
         self._row = -1
         self._unfinished = b""
+        self._file = self._open()
+        if self._file is not None:
+            self._file.seek(0, os.SEEK_END)
+
+    def _open(self) -> Optional[BinaryIO]:
         try:
-            self._offset: Optional[int] = os.path.getsize(path)
+            file = open(os.open(self._path, os.O_RDONLY | os.O_CLOEXEC | os.O_NONBLOCK | os.O_NOFOLLOW), "rb")
         except OSError:
-            self._offset = None
+            return None
+        if stat.S_ISREG(os.fstat(file.fileno()).st_mode):
+            return file
+        file.close()
+        return None
+
+    def _read_on(self) -> None:
+        assert self._file is not None
+        *lines, self._unfinished = (self._unfinished + self._file.read()).split(b"\n")
+        for line in lines:
+            workers = _WORKERS_LINE.match(line)
+            text = workers[2] if workers else b""
+            row = _MEASURING_ROW.match(text)
+            if row:
+                self._row = int(row[1])
+                self._rows[self._row] = False
+            elif text.startswith(_BY_SPOTS):
+                self._rows[self._row] = True
 
     def was_read_by_spots(self, row: int) -> Optional[bool]:
         """None when the log does not say."""
-        if self._offset is None:
-            return None
-        try:
-            with open(self._path, "rb") as file:
-                file.seek(self._offset)
-                text = file.read()
-        except OSError:
-            return None
-        self._offset += len(text)
-        *lines, self._unfinished = (self._unfinished + text).split(b"\n")
-        for line in lines:
-            _, found, rest = line.partition(b"advancedMeasure - measuring row ")
-            if found:
-                number = rest.split(b".")[0]
-                self._row = int(number) if number.isdigit() else -1
-                self._rows[self._row] = False
-            elif b"trying to scan using spot" in line:
-                self._rows[self._row] = True
+        if self._file is not None:
+            self._read_on()
+            try:
+                is_aside = not os.path.samestat(os.stat(self._path), os.fstat(self._file.fileno()))
+            except OSError:
+                is_aside = False
+            if is_aside:
+                self._read_on()
+                self._file.close()
+                self._file = self._open()
+                if self._file is not None:
+                    self._read_on()
         return self._rows.get(row)
+
+    def close(self) -> None:
+        if self._file is not None:
+            self._file.close()
+            self._file = None
 
 
 @dataclass(frozen=True)

@@ -517,10 +517,10 @@ class Table(Described):
     # --- How it is done
 
     def _rows(self, request: ScanRequest, reporter: Reporter) -> Generator[Row, None, None]:
-        spot_log = SpotLog(os.path.join(log_folder(self.service.runtime_dir), self.attributes.get("DeviceLogName", "")))
+        spot_log = SpotLog(log_folder(self.service.runtime_dir), self.attributes.get("DeviceLogName", ""))
         procedure = Scan(request, lambda: self.record, spot_log).run()
         exchanges: List[Exchange] = []
-        with _closing_all(exchanges):
+        with _closing_all(exchanges), contextlib.closing(spot_log):
             try:
                 step = next(procedure)
                 while True:
