@@ -134,8 +134,9 @@ class Service:
                     table.unlock(timeout=UNLOCKING)
         with self._gate:
             already, self._is_closed = self._is_closed, True
+            if not already:
+                self._wake_up()
         if not already:
-            self._wake_up()
             self._thread.join()
             self._callbacks.put(None)
             if self._caller and self._caller is not threading.current_thread():
@@ -164,9 +165,10 @@ class Service:
             if self._is_closed:
                 raise Error("the service is closed")
             self._posted.put(work)
-        self._wake_up()
+            self._wake_up()
 
     def _wake_up(self) -> None:
+        """Under the gate, before which the thread does not close what it is woken by."""
         with contextlib.suppress(BlockingIOError):  # it is being woken
             self._wake.send(b"\0")
 
