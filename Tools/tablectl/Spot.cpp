@@ -7,6 +7,7 @@
 #include "Table.h"
 #include "Terminal.h"
 
+#include <Color/Average.h>
 #include <Color/Colorimetry.h>
 
 #include <algorithm>
@@ -25,11 +26,6 @@ Color::ChartLayout chartAt(const Color::Point& place) {
     chart.topLeft = chart.bottomLeft = chart.bottomRight = place;
     chart.patches.resize(1);
     return chart;
-}
-
-Color::Lab labOf(const Color::Reading& reading) {
-    return {static_cast<double>(reading.lab[0]), static_cast<double>(reading.lab[1]),
-            static_cast<double>(reading.lab[2])};
 }
 
 std::string labText(const Color::Lab& lab) {
